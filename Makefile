@@ -1,0 +1,30 @@
+# Two commands for a newcomer: `make demo` and `make test`. Both install what they need.
+.PHONY: deps build demo test test-default test-asan install clean
+
+deps:
+	bash scripts/install-deps
+
+build: deps
+	cmake --preset default
+	cmake --build --preset default
+
+demo: build
+	./build/bin/artifact-demo
+
+test-default: deps
+	cmake --preset default
+	cmake --build --preset default
+	ctest --preset default
+
+test-asan: deps
+	cmake --preset asan
+	cmake --build --preset asan
+	ctest --preset asan
+
+test: test-default test-asan
+
+install: build
+	cmake --install build --prefix $(or $(PREFIX),/usr/local)
+
+clean:
+	rm -rf build build-asan

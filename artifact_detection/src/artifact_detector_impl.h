@@ -1,0 +1,71 @@
+// The engine behind artifact_detector::ArtifactDetector.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "artifact_detector.h"
+
+class NNet;
+
+namespace artifact_detector {
+
+// Compute-unit and precision codes understood by the network session.
+enum ComputeUnit : int32_t { CPU = 0, GPU = 1, DSP = 2, NPU = 3 };
+enum Precision : int32_t { FLOAT32 = 0, FLOAT16 = 1, QASYMM16 = 2, QASYMM8 = 3 };
+
+// 1 / (1 + e^-x) per element: e^-x in single precision, the rest in double.
+std::vector<float> sigmoid(const std::vector<float>& v);
+
+class ArtifactDetectorImpl {
+ public:
+  using Mode = ArtifactDetector::Mode;
+  using ImageFormat = ArtifactDetector::ImageFormat;
+  using Artifact_Info = ArtifactDetector::Artifact_Info;
+
+  ArtifactDetectorImpl();
+  ~ArtifactDetectorImpl();
+
+  ArtifactDetectorImpl(const ArtifactDetectorImpl&) = delete;
+  ArtifactDetectorImpl& operator=(const ArtifactDetectorImpl&) = delete;
+
+  bool initialize(Mode mode, char* models_path);
+
+  bool execute(char* buffer, int width, int height, int image_rotation, ImageFormat image_format,
+               char* extra);
+  bool execute(cv::Mat image, int reserved);
+
+  int get_total_artifact_count();
+  bool get_artifact_info(Artifact_Info* out);
+
+  // Scoring steps of a run, reachable for tests.
+  void set_artifact_thresholds();
+  void getArtifactIno(std::vector<float>& output);
+  std::vector<ArtifactInfo> post_process_blur_info();
+
+  const std::map<int, float>& thresholds() const { return artifact_thresholds; }
+  const std::vector<ArtifactInfo>& results() const { return result_artifacts; }
+  bool mild_blur() const { return mild_blur_found; }
+
+ private:
+  bool run_pipeline(cv::Mat image, bool log_copy_details);
+  std::string class_name(int id) const;
+
+  std::vector<ArtifactInfo> result_artifacts;
+  std::mutex init_mutex;
+  std::mutex execute_mutex;
+  std::mutex result_mutex;
+  bool is_initialized = false;
+  std::shared_ptr<NNet> nnet;
+  int32_t compute_unit = CPU;
+  std::vector<std::string> artifact_names;
+  std::map<int, float> artifact_thresholds;
+  bool mild_blur_found = false;
+};
+
+}  // namespace artifact_detector

@@ -1,0 +1,78 @@
+# Fails unless the shared object exports the interface symbols and nothing else of its own.
+# Usage: cmake -DLIB=<path to .so> -P check_exports.cmake
+execute_process(COMMAND nm -D --defined-only -C ${LIB}
+                OUTPUT_VARIABLE out RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${LIB}")
+endif()
+string(REPLACE "\n" ";" lines "${out}")
+
+set(allowed
+  "^artifact_detector::ArtifactDetector::"
+  "^typeinfo( name)? for artifact_detector::ArtifactDetector"
+  "^artifact_detector::normalize_image\\("
+  "^tqr_arm_neon::"
+  "^(get_bgr_mat_from_buffer|rotate_image|checkSimilarColor|fill_mask_buffer)\\("
+  "^get_tarnlink_lib_handle\\("
+  "^get_[A-Za-z_]+_fptr[A-Za-z_]*\\("
+  "^ArtifactDetectorWrapper_"
+  "^Java_tessaroven_pkd_artifactdetector_ArtifactDetector_"
+  "^(jvm|main_obj)$")
+
+set(required
+  "artifact_detector::ArtifactDetector::Create()"
+  "artifact_detector::ArtifactDetector::Destroy(artifact_detector::ArtifactDetector*)"
+  "artifact_detector::ArtifactDetector::initialize("
+  "artifact_detector::ArtifactDetector::execute(cv::Mat, int)"
+  "artifact_detector::ArtifactDetector::execute(char*, int, int, int, artifact_detector::ArtifactDetector::ImageFormat)"
+  "artifact_detector::ArtifactDetector::execute(char*, int, int, int, artifact_detector::ArtifactDetector::ImageFormat, char*)"
+  "artifact_detector::ArtifactDetector::get_total_artifact_count()"
+  "artifact_detector::ArtifactDetector::get_artifact_info(")
+if(DEFINED EXTRA_REQUIRED)
+  list(APPEND required ${EXTRA_REQUIRED})
+endif()
+
+set(names "")
+set(stray "")
+foreach(line IN LISTS lines)
+  # "<address> <type> <name>"; absolute symbols (version nodes) have type A.
+  if(NOT line MATCHES "^[0-9a-f]+ ([A-Za-z]) (.+)$")
+    continue()
+  endif()
+  set(type "${CMAKE_MATCH_1}")
+  set(name "${CMAKE_MATCH_2}")
+  if(type STREQUAL "A")
+    continue()
+  endif()
+  list(APPEND names "${name}")
+  set(ok FALSE)
+  foreach(pattern IN LISTS allowed)
+    if(name MATCHES "${pattern}")
+      set(ok TRUE)
+      break()
+    endif()
+  endforeach()
+  if(NOT ok)
+    list(APPEND stray "${name}")
+  endif()
+endforeach()
+
+if(stray)
+  list(JOIN stray "\n  " text)
+  message(FATAL_ERROR "symbols exported that are not interfaces:\n  ${text}")
+endif()
+foreach(symbol IN LISTS required)
+  set(found FALSE)
+  foreach(name IN LISTS names)
+    string(FIND "${name}" "${symbol}" at)
+    if(at EQUAL 0)
+      set(found TRUE)
+      break()
+    endif()
+  endforeach()
+  if(NOT found)
+    message(FATAL_ERROR "interface symbol not exported: ${symbol}")
+  endif()
+endforeach()
+list(LENGTH names count)
+message(STATUS "${count} exported symbols, all interfaces")

@@ -1,0 +1,52 @@
+# Installs the build into a scratch prefix, then builds and runs a consumer that knows only
+# that prefix. Usage: cmake -DBUILD_DIR=.. -DSOURCE_DIR=.. -DWORK_DIR=.. -P check_install.cmake
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "failed: ${ARGN}\n${out}\n${err}")
+  endif()
+  set(last_output "${out}" PARENT_SCOPE)
+endfunction()
+
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+set(expected
+  lib/libArtifactDetector_v1.camera.korvane.so
+  lib/cmake/ArtifactDetector/ArtifactDetectorConfig.cmake
+  lib/pkgconfig/artifact_detector.pc
+  include/artifact_detector/artifact_detector.h)
+if(DEFINED EXTRA_FILES)
+  list(APPEND expected ${EXTRA_FILES})
+endif()
+foreach(f IN LISTS expected)
+  if(NOT EXISTS ${prefix}/${f})
+    message(FATAL_ERROR "not installed: ${f}")
+  endif()
+endforeach()
+
+run(readelf -d ${prefix}/lib/libArtifactDetector_v1.camera.korvane.so)
+if(NOT last_output MATCHES "Library soname: \\[libArtifactDetector_v1\\.camera\\.korvane\\.so\\]")
+  message(FATAL_ERROR "wrong SONAME:\n${last_output}")
+endif()
+if(NOT last_output MATCHES "Library runpath: \\[\\$ORIGIN")
+  message(FATAL_ERROR "RUNPATH does not start with $ORIGIN:\n${last_output}")
+endif()
+
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/consumer -B ${WORK_DIR}/consumer
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
+run(${WORK_DIR}/consumer/consumer)
+if(NOT last_output MATCHES "consumer ok")
+  message(FATAL_ERROR "consumer printed: ${last_output}")
+endif()
+
+set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+run(pkg-config --cflags --libs artifact_detector)
+string(REGEX MATCH "-I([^ ]+) " include_flag "${last_output}")
+if(NOT EXISTS "${CMAKE_MATCH_1}/artifact_detector/artifact_detector.h")
+  message(FATAL_ERROR "pkg-config include path does not hold the headers: ${last_output}")
+endif()
+message(STATUS "installed tree usable")
