@@ -32,10 +32,9 @@ bool file_exists(std::string path);
 // The first base directory under which `model_name` exists: `base_path` itself (joined as it
 // stands, so it must end in "/"), then each of `fallback_base_paths`. Empty when none has it.
 // The fallbacks are the device's partitions; tests pass their own.
-std::string get_final_models_base_path(
-    std::string base_path, std::string model_name,
-    const std::vector<std::string>& fallback_base_paths = {kVendorModelsBasePath,
-                                                           kSystemModelsBasePath});
+std::string get_final_models_base_path(std::string base_path, std::string model_name,
+                                       const std::vector<std::string>& fallback_base_paths = {
+                                           kVendorModelsBasePath, kSystemModelsBasePath});
 
 // `s` without leading and trailing space, tab, LF and CR.
 std::string trim(const std::string& s);
@@ -50,5 +49,4 @@ ModelProperties get_model_properties(std::string model_name, std::string models_
 
 // Per-class thresholds (class id to threshold) from the device's threshold file; empty when
 // the file is missing or yields no valid member.
-std::map<int, float> get_artifact_thresholds(
-    const std::string& path = kArtifactThresholdFilePath);
+std::map<int, float> get_artifact_thresholds(const std::string& path = kArtifactThresholdFilePath);
