@@ -40,8 +40,18 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::add(LogLine line) {
+  std::function<void(const LogLine&)> hook;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back(line);
+    hook = hook_;
+  }
+  if (hook) hook(line);
+}
+
+void LogCapture::set_hook(std::function<void(const LogLine&)> hook) {
   std::lock_guard<std::mutex> lock(mutex_);
-  lines_.push_back(std::move(line));
+  hook_ = std::move(hook);
 }
 
 std::vector<LogLine> LogCapture::lines() const {

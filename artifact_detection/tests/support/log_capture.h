@@ -1,6 +1,7 @@
 // Captures every line the library sends to the Android log, for exact assertions.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -41,9 +42,13 @@ class LogCapture {
   void clear();
 
   void add(LogLine line);
+  // Called synchronously, on the logging thread, for every line after it is recorded: lets
+  // a test pause the code under test at a known message.
+  void set_hook(std::function<void(const LogLine&)> hook);
 
  private:
   mutable std::mutex mutex_;
+  std::function<void(const LogLine&)> hook_;
   std::vector<LogLine> lines_;
 };
 
