@@ -27,7 +27,20 @@ set(required
   "artifact_detector::ArtifactDetector::execute(char*, int, int, int, artifact_detector::ArtifactDetector::ImageFormat)"
   "artifact_detector::ArtifactDetector::execute(char*, int, int, int, artifact_detector::ArtifactDetector::ImageFormat, char*)"
   "artifact_detector::ArtifactDetector::get_total_artifact_count()"
-  "artifact_detector::ArtifactDetector::get_artifact_info(")
+  "artifact_detector::ArtifactDetector::get_artifact_info("
+  "ArtifactDetectorWrapper_create"
+  "ArtifactDetectorWrapper_destroy"
+  "ArtifactDetectorWrapper_Initialize"
+  "ArtifactDetectorWrapper_execute"
+  "ArtifactDetectorWrapper_execute_with_image_name"
+  "ArtifactDetectorWrapper_get_total_artifact_count(ArtifactDetectorWrapper*)"
+  "ArtifactDetectorWrapper_get_artifact_info"
+  "Java_tessaroven_pkd_artifactdetector_ArtifactDetector_initializeJNI"
+  "Java_tessaroven_pkd_artifactdetector_ArtifactDetector_executeWithBtyeArrayJNI"
+  "Java_tessaroven_pkd_artifactdetector_ArtifactDetector_getArtifactInfoJNI"
+  "Java_tessaroven_pkd_artifactdetector_ArtifactDetector_releaseJNI"
+  "jvm"
+  "main_obj")
 if(DEFINED EXTRA_REQUIRED)
   list(APPEND required ${EXTRA_REQUIRED})
 endif()
@@ -64,8 +77,9 @@ endif()
 foreach(symbol IN LISTS required)
   set(found FALSE)
   foreach(name IN LISTS names)
+    # C++ names are matched by their beginning, C names (no parenthesis) whole.
     string(FIND "${name}" "${symbol}" at)
-    if(at EQUAL 0)
+    if(name STREQUAL symbol OR (symbol MATCHES "[(]" AND at EQUAL 0))
       set(found TRUE)
       break()
     endif()

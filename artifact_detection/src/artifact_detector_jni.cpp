@@ -1,0 +1,136 @@
+#include "artifact_detector_jni.h"
+
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+#include <opencv2/core.hpp>
+
+#include "core/utils/logging.h"
+
+using artifact_detector::ArtifactDetector;
+
+extern "C" {
+JavaVM* jvm = nullptr;
+jobject main_obj = nullptr;
+}
+
+namespace {
+
+constexpr const char* kReferenceField = "artifact_detector_reference";
+constexpr const char* kLongSignature = "J";
+
+// Only mode 0 addresses the detector kept in the managed object.
+constexpr jint kStoredDetectorMode = 0;
+
+// Steady-clock reading in whole milliseconds; differences of two readings are the timings.
+int64_t now_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+ArtifactDetector* get_artifact_detector_reference(JNIEnv* env, jobject thiz) {
+  jclass cls = env->GetObjectClass(thiz);
+  jfieldID field = env->GetFieldID(cls, kReferenceField, kLongSignature);
+  return reinterpret_cast<ArtifactDetector*>(static_cast<intptr_t>(env->GetLongField(thiz, field)));
+}
+
+void set_artifact_detector_reference(JNIEnv* env, jobject thiz, ArtifactDetector* detector) {
+  jclass cls = env->GetObjectClass(thiz);
+  jfieldID field = env->GetFieldID(cls, kReferenceField, kLongSignature);
+  env->SetLongField(thiz, field, static_cast<jlong>(reinterpret_cast<intptr_t>(detector)));
+}
+
+std::string convert_artifact_info_to_json_string(ArtifactDetector::Artifact_Info* infos,
+                                                 int count) {
+  // nlohmann::json keeps object members in a sorted map: "score", "tag", "tag_id".
+  nlohmann::json result = nlohmann::json::array();
+  for (int i = 0; i < count; ++i) {
+    nlohmann::json artifact;
+    artifact["tag"] = std::string(infos[i].tag);
+    artifact["score"] = static_cast<double>(infos[i].score);
+    artifact["tag_id"] = infos[i].tag_id;
+    result.push_back(std::move(artifact));
+  }
+  return result.dump(-1, ' ', false, nlohmann::json::error_handler_t::strict);
+}
+
+extern "C" {
+
+JNIEXPORT jboolean JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_initializeJNI(
+    JNIEnv* env, jobject thiz, jint mode, jstring model_path) {
+  ArtifactDetector* detector = nullptr;
+  bool reused = false;
+  if (mode == kStoredDetectorMode) {
+    detector = get_artifact_detector_reference(env, thiz);
+    reused = detector != nullptr;
+    if (!reused) {
+      detector = ArtifactDetector::Create();
+      set_artifact_detector_reference(env, thiz, detector);
+    }
+  } else {
+    // Other modes get a detector for this call alone; it is never stored or released.
+    detector = ArtifactDetector::Create();
+  }
+  if (!reused) env->GetJavaVM(&jvm);
+
+  const int64_t start = now_ms();
+  const char* path = env->GetStringUTFChars(model_path, nullptr);
+  main_obj = env->NewGlobalRef(thiz);
+  const bool ok =
+      detector->initialize(static_cast<ArtifactDetector::Mode>(mode), const_cast<char*>(path));
+  AD_LOG_INFO << "TQ Debug: Time taken for initialization: " << (now_ms() - start) << " ms";
+  env->ReleaseStringUTFChars(model_path, path);
+  return ok ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT jboolean JNICALL
+Java_tessaroven_pkd_artifactdetector_ArtifactDetector_executeWithBtyeArrayJNI(
+    JNIEnv* env, jobject thiz, jbyteArray image, jint width, jint height, jint rotation,
+    jint /*ignored*/, jint mode) {
+  ArtifactDetector* detector =
+      mode == kStoredDetectorMode ? get_artifact_detector_reference(env, thiz) : nullptr;
+
+  jbyte* bytes = env->GetByteArrayElements(image, nullptr);
+  const int64_t start = now_ms();
+  // A view of the managed bytes; the detector copies what it keeps.
+  const cv::Mat bgr(height, width, CV_8UC3, bytes);
+  const bool ok = detector != nullptr && detector->execute(bgr, rotation);
+  AD_LOG_INFO << "TQ Debug: Time taken for exexecuteWithBtyeArrayJNI execution: "
+              << (now_ms() - start) << " ms";
+  env->ReleaseByteArrayElements(image, bytes, JNI_ABORT);
+  return ok ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_getArtifactInfoJNI(
+    JNIEnv* env, jobject thiz, jint mode) {
+  if (mode != kStoredDetectorMode) return env->NewStringUTF("");
+  ArtifactDetector* detector = get_artifact_detector_reference(env, thiz);
+  const int64_t start = now_ms();
+  if (detector == nullptr) return env->NewStringUTF("");
+
+  const int count = detector->get_total_artifact_count();
+  std::vector<ArtifactDetector::Artifact_Info> records(count > 0 ? count : 0);
+  if (!detector->get_artifact_info(records.data())) return env->NewStringUTF("");
+  const std::string json = convert_artifact_info_to_json_string(records.data(), count);
+
+  AD_LOG_INFO << "TQ Debug: Time taken for result-extraction1: " << (now_ms() - start) << " ms";
+  AD_LOG_INFO << "TQ Debug: Artifact Info :" << json;
+  return env->NewStringUTF(json.c_str());
+}
+
+JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_releaseJNI(
+    JNIEnv* env, jobject thiz, jint mode) {
+  const int64_t start = now_ms();
+  if (mode == kStoredDetectorMode) {
+    // The field keeps the stale address: the managed side must not release twice.
+    ArtifactDetector::Destroy(get_artifact_detector_reference(env, thiz));
+  }
+  AD_LOG_INFO << "TQ Debug: Time taken for release: " << (now_ms() - start) << " ms";
+}
+
+}  // extern "C"

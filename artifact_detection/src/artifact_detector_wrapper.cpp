@@ -1,0 +1,84 @@
+#include "artifact_detector_wrapper.h"
+
+#include <exception>
+#include <string>
+
+#include "core/utils/logging.h"
+
+using artifact_detector::ArtifactDetector;
+
+namespace {
+
+// Line numbers of the wrapper's log lines; log readers key on them.
+constexpr int kCreateFailedLine = 15;
+constexpr int kInitializeLine = 26;
+constexpr int kExecuteWithImageNameLine = 32;
+constexpr int kExecuteLine = 37;
+constexpr int kCountLine = 43;
+constexpr int kArtifactInfoLine = 48;
+
+ArtifactDetector* detector_of(ArtifactDetectorWrapper* handle) {
+  return reinterpret_cast<ArtifactDetector*>(handle);
+}
+
+// Callers have always passed the format in the upper half of a 64-bit word.
+ArtifactDetector::ImageFormat format_of(int64_t format_word) {
+  return static_cast<ArtifactDetector::ImageFormat>(
+      static_cast<int32_t>(static_cast<uint64_t>(format_word) >> 32));
+}
+
+}  // namespace
+
+extern "C" {
+
+ArtifactDetectorWrapper* ArtifactDetectorWrapper_create(void) {
+  try {
+    return reinterpret_cast<ArtifactDetectorWrapper*>(ArtifactDetector::Create());
+  } catch (const std::exception& e) {
+    AD_LOGV_AT(kCreateFailedLine,
+               "TQ Debug: ArtifactDetectorWrapper_create: can't create ArtifactDetectorWrapper:  "
+               "exception: %s",
+               e.what());
+    return nullptr;
+  }
+}
+
+void ArtifactDetectorWrapper_destroy(ArtifactDetectorWrapper* handle) {
+  ArtifactDetector::Destroy(detector_of(handle));
+}
+
+bool ArtifactDetectorWrapper_Initialize(ArtifactDetectorWrapper* handle, int mode,
+                                        const char* model_path) {
+  const std::string path(model_path);
+  AD_LOGV_AT(kInitializeLine, "TQ Debug: ArtifactDetectorWrapper_initialize model path c wrapper=[%s]",
+             path.c_str());
+  // The engine never writes through the path; its signature predates const.
+  return detector_of(handle)->initialize(static_cast<ArtifactDetector::Mode>(mode),
+                                         const_cast<char*>(model_path));
+}
+
+bool ArtifactDetectorWrapper_execute_with_image_name(ArtifactDetectorWrapper* handle, char* buffer,
+                                                     int width, int height, int rotation,
+                                                     int64_t format_word, char* image_name) {
+  AD_LOGV_AT(kExecuteWithImageNameLine, "TQ Debug: ArtifactDetectorWrapper_execute c wrapper");
+  return detector_of(handle)->execute(buffer, width, height, rotation, format_of(format_word),
+                                      image_name);
+}
+
+bool ArtifactDetectorWrapper_execute(ArtifactDetectorWrapper* handle, char* buffer, int width,
+                                     int height, int rotation, int64_t format_word) {
+  AD_LOGV_AT(kExecuteLine, "TQ Debug: ArtifactDetectorWrapper_execute c wrapper");
+  return detector_of(handle)->execute(buffer, width, height, rotation, format_of(format_word));
+}
+
+bool ArtifactDetectorWrapper_get_artifact_info(ArtifactDetectorWrapper* handle, Artifact_Info* info) {
+  AD_LOGV_AT(kArtifactInfoLine, "TQ Debug: ArtifactDetectorWrapper_get_box_info c wrapper");
+  return detector_of(handle)->get_artifact_info(info);
+}
+
+}  // extern "C"
+
+bool ArtifactDetectorWrapper_get_total_artifact_count(ArtifactDetectorWrapper* handle) {
+  AD_LOGV_AT(kCountLine, "TQ Debug: ArtifactDetectorWrapper_get_total_artifact_count c wrapper");
+  return detector_of(handle)->get_total_artifact_count() != 0;
+}
