@@ -337,8 +337,8 @@ bool read_prototxt_input(const std::string& text, ModelInput& input, std::string
 bool input_geometry(const ModelInput& input, InputGeometry& geometry, std::string& error) {
   const std::vector<int64_t>& d = input.dims;
   if (d.size() != 4) {
-    error = "input '" + input.name + "' has " + std::to_string(d.size()) +
-            " dimensions, expected 4";
+    error =
+        "input '" + input.name + "' has " + std::to_string(d.size()) + " dimensions, expected 4";
     return false;
   }
   if (d[0] > 1) {
@@ -362,8 +362,6 @@ bool input_geometry(const ModelInput& input, InputGeometry& geometry, std::strin
   return true;
 }
 
-const char* layout_name(Layout layout) {
-  return layout == Layout::kChannelsLast ? "NHWC" : "NCHW";
-}
+const char* layout_name(Layout layout) { return layout == Layout::kChannelsLast ? "NHWC" : "NCHW"; }
 
 }  // namespace tarnlink

@@ -216,8 +216,8 @@ std::vector<cv::Mat> run(cv::dnn::Net& net, const cv::Mat& blob,
   std::vector<cv::Mat> outs;
   net.forward(outs, layer_names);
   if (outs.size() != layer_names.size()) {
-    throw std::runtime_error("the network gave " + std::to_string(outs.size()) +
-                             " outputs for " + std::to_string(layer_names.size()) + " layers");
+    throw std::runtime_error("the network gave " + std::to_string(outs.size()) + " outputs for " +
+                             std::to_string(layer_names.size()) + " layers");
   }
   // The network reuses its buffers on the next forward; the caller's pointers must not move
   // until this session runs again.
@@ -269,8 +269,8 @@ bool open_model(Session& session, const std::string& path, ModelKind kind,
   }
   InputGeometry input;
   if (declared.input_count != 1) {
-    TARN_ERROR("open: %s declares %d inputs, only single-input networks are served",
-               path.c_str(), declared.input_count);
+    TARN_ERROR("open: %s declares %d inputs, only single-input networks are served", path.c_str(),
+               declared.input_count);
     return false;
   }
   if (!input_geometry(declared, input, error)) {
@@ -356,8 +356,8 @@ void four_dims(const cv::Mat& out, int* d0, int* d1, int* d2, int* d3) {
 // the channels in d1.
 constexpr int kOutputFormatChannelsFirst = 1;
 
-float* layer_output(InferenceSession handle, const char* operation, const char* layer_name,
-                    int* d0, int* d1, int* d2, int* d3, int* format) {
+float* layer_output(InferenceSession handle, const char* operation, const char* layer_name, int* d0,
+                    int* d1, int* d2, int* d3, int* format) {
   return guarded(operation, static_cast<float*>(nullptr), [&]() -> float* {
     Session* session = open_session(handle, operation);
     if (session == nullptr) return nullptr;
@@ -375,7 +375,8 @@ float* layer_output(InferenceSession handle, const char* operation, const char* 
       TARN_ERROR("%s: no successful run to read %s from", operation, layer_name);
       return nullptr;
     }
-    const cv::Mat& out = session->outputs[static_cast<size_t>(found - session->output_names.begin())];
+    const cv::Mat& out =
+        session->outputs[static_cast<size_t>(found - session->output_names.begin())];
     four_dims(out, d0, d1, d2, d3);
     if (format != nullptr) *format = kOutputFormatChannelsFirst;
     return const_cast<float*>(out.ptr<float>());
@@ -402,9 +403,8 @@ TARNLINK_EXPORT void TarnWrapper_destroy(InferenceSession session) {
   });
 }
 
-TARNLINK_EXPORT bool TarnWrapper_openDLModel(InferenceSession session,
-                                             const char* models_base_dir, const char* module,
-                                             const char** output_layer_names,
+TARNLINK_EXPORT bool TarnWrapper_openDLModel(InferenceSession session, const char* models_base_dir,
+                                             const char* module, const char** output_layer_names,
                                              size_t output_layer_count, int compute_unit,
                                              int precision) {
   return guarded("openDLModel", false, [&] {
@@ -430,9 +430,8 @@ TARNLINK_EXPORT bool TarnWrapper_openDLModel_direct(InferenceSession session,
                                                     const char** output_layer_names,
                                                     size_t output_layer_count, int compute_unit,
                                                     int precision) {
-  return tarnlink::open_by_extension(session, "openDLModel_direct", model_path,
-                                     output_layer_names, output_layer_count, compute_unit,
-                                     precision);
+  return tarnlink::open_by_extension(session, "openDLModel_direct", model_path, output_layer_names,
+                                     output_layer_count, compute_unit, precision);
 }
 
 TARNLINK_EXPORT bool TarnWrapper_openDLModel_direct_latency(InferenceSession session,
@@ -459,9 +458,10 @@ TARNLINK_EXPORT bool TarnWrapper_openDLModel_zephOptions(InferenceSession sessio
     } else if (options.model_type == ZEPH_CAFFE) {
       kind = tarnlink::ModelKind::kCaffe;
     } else {
-      TARN_ERROR("openDLModel_zephOptions: model type %d not served, only Caffe (%d) and "
-                 "ONNX (%d)",
-                 static_cast<int>(options.model_type), ZEPH_CAFFE, ZEPH_ONNX);
+      TARN_ERROR(
+          "openDLModel_zephOptions: model type %d not served, only Caffe (%d) and "
+          "ONNX (%d)",
+          static_cast<int>(options.model_type), ZEPH_CAFFE, ZEPH_ONNX);
       return false;
     }
     if (model_path == nullptr) {
@@ -473,8 +473,7 @@ TARNLINK_EXPORT bool TarnWrapper_openDLModel_zephOptions(InferenceSession sessio
   });
 }
 
-TARNLINK_EXPORT bool TarnWrapper_getInputDimens(InferenceSession session, int* width,
-                                                int* height) {
+TARNLINK_EXPORT bool TarnWrapper_getInputDimens(InferenceSession session, int* width, int* height) {
   return guarded("getInputDimens", false, [&] {
     Session* s = tarnlink::open_session(session, "getInputDimens");
     if (s == nullptr) return false;
@@ -542,7 +541,8 @@ TARNLINK_EXPORT bool TarnWrapper_execute(InferenceSession session, float* input,
     cv::Mat image(height, width, CV_32FC(channels), input);
     if (!s->channel_means.empty()) {
       cv::Scalar means;
-      for (size_t c = 0; c < s->channel_means.size(); ++c) means[static_cast<int>(c)] = s->channel_means[c];
+      for (size_t c = 0; c < s->channel_means.size(); ++c)
+        means[static_cast<int>(c)] = s->channel_means[c];
       cv::Mat shifted;
       cv::subtract(image, means, shifted);
       image = shifted;
@@ -553,16 +553,14 @@ TARNLINK_EXPORT bool TarnWrapper_execute(InferenceSession session, float* input,
 }
 
 TARNLINK_EXPORT float* TarnWrapper_getLayerOutputAndFormat(InferenceSession session,
-                                                           const char* layer_name, int* d0,
-                                                           int* d1, int* d2, int* d3,
-                                                           int* format) {
+                                                           const char* layer_name, int* d0, int* d1,
+                                                           int* d2, int* d3, int* format) {
   return tarnlink::layer_output(session, "getLayerOutputAndFormat", layer_name, d0, d1, d2, d3,
                                 format);
 }
 
-TARNLINK_EXPORT float* TarnWrapper_getLayerOutput(InferenceSession session,
-                                                  const char* layer_name, int* d0, int* d1,
-                                                  int* d2, int* d3) {
+TARNLINK_EXPORT float* TarnWrapper_getLayerOutput(InferenceSession session, const char* layer_name,
+                                                  int* d0, int* d1, int* d2, int* d3) {
   return tarnlink::layer_output(session, "getLayerOutput", layer_name, d0, d1, d2, d3, nullptr);
 }
 
