@@ -111,10 +111,10 @@ public class ArtifactDetector implements Closeable {
     if (width <= 0 || height <= 0) {
       throw new IllegalArgumentException("frame size " + width + "x" + height);
     }
-    long needed = (long) width * height * BYTES_PER_BGR_PIXEL;
-    if (bgr.length < needed) {
-      throw new IllegalArgumentException(
-          "frame holds " + bgr.length + " bytes, " + width + "x" + height + " BGR needs " + needed);
+    // Compared in pixels so that no product can overflow.
+    if ((long) width * height > bgr.length / BYTES_PER_BGR_PIXEL) {
+      throw new IllegalArgumentException("frame holds " + bgr.length + " bytes, too few for "
+          + width + "x" + height + " BGR pixels");
     }
     return executeWithBtyeArrayJNI(bgr, width, height, 0, FORMAT_BGR, MODE_OWN_DETECTOR);
   }
