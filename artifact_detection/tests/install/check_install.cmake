@@ -15,6 +15,7 @@ run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
 set(expected
   lib/libArtifactDetector_v1.camera.korvane.so
+  lib/libTarnlink.camera.korvane.so
   lib/cmake/ArtifactDetector/ArtifactDetectorConfig.cmake
   lib/pkgconfig/artifact_detector.pc
   include/artifact_detector/artifact_detector.h)
