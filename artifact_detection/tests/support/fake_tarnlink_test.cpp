@@ -18,6 +18,7 @@ struct VariantCase {
   FakeVariant variant;
   std::vector<const char*> missing;
 };
+void PrintTo(const VariantCase& c, std::ostream* os) { *os << c.name; }
 
 class FakeVariantLoad : public ::testing::TestWithParam<VariantCase> {};
 
