@@ -50,7 +50,8 @@ void ArtifactDetectorWrapper_destroy(ArtifactDetectorWrapper* handle) {
 bool ArtifactDetectorWrapper_Initialize(ArtifactDetectorWrapper* handle, int mode,
                                         const char* model_path) {
   const std::string path(model_path);
-  AD_LOGV_AT(kInitializeLine, "TQ Debug: ArtifactDetectorWrapper_initialize model path c wrapper=[%s]",
+  AD_LOGV_AT(kInitializeLine,
+             "TQ Debug: ArtifactDetectorWrapper_initialize model path c wrapper=[%s]",
              path.c_str());
   // The engine never writes through the path; its signature predates const.
   return detector_of(handle)->initialize(static_cast<ArtifactDetector::Mode>(mode),
@@ -71,7 +72,8 @@ bool ArtifactDetectorWrapper_execute(ArtifactDetectorWrapper* handle, char* buff
   return detector_of(handle)->execute(buffer, width, height, rotation, format_of(format_word));
 }
 
-bool ArtifactDetectorWrapper_get_artifact_info(ArtifactDetectorWrapper* handle, Artifact_Info* info) {
+bool ArtifactDetectorWrapper_get_artifact_info(ArtifactDetectorWrapper* handle,
+                                               Artifact_Info* info) {
   AD_LOGV_AT(kArtifactInfoLine, "TQ Debug: ArtifactDetectorWrapper_get_box_info c wrapper");
   return detector_of(handle)->get_artifact_info(info);
 }

@@ -55,9 +55,9 @@ AD_WRAPPER_EXPORT void ArtifactDetectorWrapper_destroy(ArtifactDetectorWrapper* 
 /* `model_path`: the directory that holds the model directories. `mode` is ignored. */
 AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_Initialize(ArtifactDetectorWrapper* handle, int mode,
                                                           const char* model_path);
-AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_execute(ArtifactDetectorWrapper* handle, char* buffer,
-                                                       int width, int height, int rotation,
-                                                       int64_t format_word);
+AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_execute(ArtifactDetectorWrapper* handle,
+                                                       char* buffer, int width, int height,
+                                                       int rotation, int64_t format_word);
 /* As ArtifactDetectorWrapper_execute; `image_name` is never read. */
 AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_execute_with_image_name(
     ArtifactDetectorWrapper* handle, char* buffer, int width, int height, int rotation,
