@@ -1,9 +1,19 @@
 #include "artifact_detector_impl.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <cstdint>
+#include <exception>
 #include <utility>
 
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include "core/net/NNet.h"
 #include "core/utils/logging.h"
+#include "utils/image_utils.h"
+#include "utils/sys_utils.h"
 
 namespace artifact_detector {
 namespace {
@@ -22,11 +32,48 @@ const std::pair<int, float> kDefaultThresholds[] = {
     {1, 0.74f}, {2, 0.64f}, {3, 0.73f}, {4, 0.73f}, {5, 0.69f}, {6, 0.52f},
     {7, 0.48f}, {8, 0.72f}, {9, 0.2f},  {10, 0.58f}, {11, 1.0f}};
 
+// The properties file and the session know the model under two spellings.
+constexpr const char* kModelName = "artifact_detector";
+constexpr const char* kModuleName = "artifact_Detector";
+constexpr const char* kCpuLayer = "Identity";
+constexpr const char* kAcceleratorLayer = "prob";
+constexpr float kChannelMean = 128.0f;
+constexpr int kJpegQuality = 95;
+
 constexpr int kBlurId = 6;
 constexpr int kMildBlurId = 10;
 constexpr int kOtherBlurId = 11;
 constexpr float kMinScore = 0.01f;
 constexpr float kOtherBlurHigh = 0.6f;
+
+// Whole milliseconds between two steady-clock readings, each truncated first.
+long long elapsed_ms(std::chrono::steady_clock::time_point from,
+                     std::chrono::steady_clock::time_point to) {
+  using std::chrono::duration_cast;
+  using std::chrono::milliseconds;
+  return static_cast<long long>(duration_cast<milliseconds>(to.time_since_epoch()).count() -
+                                duration_cast<milliseconds>(from.time_since_epoch()).count());
+}
+
+int32_t compute_unit_code(const std::string& model_type) {
+  if (model_type == "cpu") return CPU;
+  if (model_type == "gpu") return GPU;
+  if (model_type == "dsp") return DSP;
+  if (model_type == "npu") return NPU;
+  AD_LOGV("TQ Debug: Couldn't identify the COMPUTE UNIT from .info file, so setting COMPUTE UNIT "
+          "to CPU");
+  return CPU;
+}
+
+int32_t precision_code(const std::string& precision) {
+  if (precision == "float16") return FLOAT16;
+  if (precision == "float32") return FLOAT32;
+  if (precision == "qasymm8") return QASYMM8;
+  if (precision == "qasymm16") return QASYMM16;
+  AD_LOGV("TQ Debug: Couldn't identify the EXECUTION DATA TYPE from .info file, so setting "
+          "EXECUTION DATA TYPE to FLOAT16");
+  return FLOAT16;
+}
 
 }  // namespace
 
@@ -58,32 +105,159 @@ std::string ArtifactDetectorImpl::class_name(int id) const {
   return artifact_names[id - 1];
 }
 
-bool ArtifactDetectorImpl::initialize(Mode, char*) {
+bool ArtifactDetectorImpl::initialize(Mode, char* models_path) {
   std::lock_guard<std::mutex> lock(init_mutex);
-  is_initialized = false;
-  return false;
+  try {
+    AD_LOG_INFO << "Initializing Semantic Map ...";
+    AD_LOG_INFO << "Artiface detector Models path :" << models_path;
+
+    ModelProperties properties = get_model_properties(kModelName, models_path);
+    const std::string& model_type = properties["model_type"];
+    const std::string& precision_name = properties["precision"];
+    AD_LOGV("TQ Debug: setting COMPUTE UNIT to %s, %s", model_type.c_str(), precision_name.c_str());
+
+    const int32_t unit = compute_unit_code(model_type);
+    const std::vector<std::string> output_layers{unit > GPU ? kAcceleratorLayer : kCpuLayer};
+    const int32_t precision = precision_code(precision_name);
+    const std::string model_path = properties["model_path"];
+
+    compute_unit = unit;
+    nnet = std::make_shared<NNet>(model_path, kModuleName, output_layers,
+                                  std::vector<float>{kChannelMean, kChannelMean, kChannelMean},
+                                  unit, precision);
+    AD_LOGV("TQ:Debug NNet declared successfully");
+
+    set_artifact_thresholds();
+    std::map<int, float> from_file = get_artifact_thresholds();
+    if (!from_file.empty()) replace_artifact_thresholds(std::move(from_file));
+    for (const auto& entry : artifact_thresholds) {
+      AD_LOGV("Artifact: %s, Threshold: %f", class_name(entry.first).c_str(),
+              static_cast<double>(entry.second));
+    }
+    is_initialized = true;
+    return true;
+  } catch (const std::exception& e) {
+    AD_LOGV("TQ:Debug artifact detector init failed: exception: %s", e.what());
+    is_initialized = false;
+    return false;
+  }
 }
 
-bool ArtifactDetectorImpl::execute(char*, int, int, int, ImageFormat, char*) {
+bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int image_rotation,
+                                   ImageFormat image_format, char*) {
   std::lock_guard<std::mutex> lock(execute_mutex);
   if (!is_initialized) {
     AD_LOG_INFO << "TQ:Debug artifact_detector execute failed because init was unsuccessful";
     return false;
   }
-  return false;
+  mild_blur_found = false;
+  AD_LOG_INFO << "artifact_detector Execute with odd skip called : width : " << width
+              << " height : " << height << " image_rotation : " << image_rotation
+              << " image_format : " << image_format;
+
+  int target_height = 0;
+  int target_width = 0;
+  nnet->get_target_dimen(target_height, target_width);
+
+  const auto t0 = std::chrono::steady_clock::now();
+  cv::Mat image;
+  if (image_format == ArtifactDetector::NV21) {
+    AD_LOG_INFO << "TQ Debug: pre-processing image, with tqr_arm_neon::nv21_convert_rotate()";
+    image = tqr_arm_neon::nv21_convert_rotate(buffer, width, height, image_rotation);
+    AD_LOG_INFO << "TQ Debug: pre-processing image(nv21): time taken: "
+                << elapsed_ms(t0, std::chrono::steady_clock::now()) << "ms";
+  } else {
+    image = get_bgr_mat_from_buffer(buffer, width, height, image_format);
+    AD_LOG_INFO << "Rotation parameter being set to: " << image_rotation;
+    image = rotate_image(std::move(image), image_rotation);
+  }
+  const auto t1 = std::chrono::steady_clock::now();
+  AD_LOG_INFO << "TQ Debug: NV21 Artifact Detector Pre-Process : width: " << image.cols << " "
+              << " height: " << image.rows << " channels: " << image.channels()
+              << " target_width: " << target_width << "target_height: " << target_height;
+  AD_LOG_INFO << "TQ Debug: Artifact Detector Pre-Process : time taken: " << elapsed_ms(t0, t1)
+              << " ms";
+  return run_pipeline(std::move(image), target_height, target_width, true);
 }
 
-bool ArtifactDetectorImpl::execute(cv::Mat, int) {
+bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
   std::lock_guard<std::mutex> lock(execute_mutex);
-  if (!is_initialized) {
+  if (!is_initialized || image.data == nullptr || image.dims == 0 || image.total() == 0) {
     AD_LOG_INFO << "TQ:Debug artifact_detector execute failed because init was unsuccessful";
     return false;
   }
-  return false;
+  mild_blur_found = false;
+  int target_height = 0;
+  int target_width = 0;
+  nnet->get_target_dimen(target_height, target_width);
+  AD_LOGV("TQ Debug: image :  width: %d height : %d channels : %d ", image.cols, image.rows,
+          image.channels());
+  return run_pipeline(std::move(image), target_height, target_width, false);
+}
+
+bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int target_width,
+                                        bool log_copy_details) {
+  // A session that never opened has no input size; it could not run anyway, and resizing
+  // to nothing would throw out of the caller's frame callback.
+  if (target_width <= 0 || target_height <= 0) {
+    AD_LOG_INFO << "TQ Debug: artifact_detector Forward Pass Failed";
+    return false;
+  }
+  // Resizing replaces the header's pixels; the caller's buffer is never written.
+  cv::resize(image, image, cv::Size(target_width, target_height), 0, 0, cv::INTER_AREA);
+
+  // The network was trained on JPEG-like input, so every frame passes through it once.
+  std::vector<uchar> jpeg;
+  if (!cv::imencode(".jpg", image, jpeg, {cv::IMWRITE_JPEG_QUALITY, kJpegQuality})) {
+    AD_LOGV("Error: Failed to compress image.");
+  } else {
+    AD_LOGV("Compressed buffer size: %d bytes", static_cast<int>(jpeg.size()));
+    cv::Mat decoded = cv::imdecode(jpeg, cv::IMREAD_COLOR);
+    if (decoded.empty()) {
+      AD_LOGV("Error: Failed to decode buffer.");
+    } else {
+      image = decoded;
+    }
+  }
+
+  if (checkSimilarColor(image)) {
+    AD_LOG_INFO << "returning from same color image detection";
+    return false;
+  }
+
+  cv::Mat image_for_artifact_detection;
+  image.copyTo(image_for_artifact_detection);
+  if (log_copy_details) {
+    AD_LOG_INFO << "TQ Debug: image_for_artifact_detection details "
+                << image_for_artifact_detection.cols << " x " << image_for_artifact_detection.rows
+                << " x " << image_for_artifact_detection.channels();
+  }
+  if (!nnet->forward_pass(image_for_artifact_detection)) {
+    AD_LOG_INFO << "TQ Debug: artifact_detector Forward Pass Failed";
+    return false;
+  }
+
+  const char* layer = compute_unit > GPU ? kAcceleratorLayer : kCpuLayer;
+  int d0 = 0, d1 = 0, d2 = 0, d3 = 0, format = 0;
+  const void* output = nnet->get_layer_output_with_format(layer, d0, d1, d2, d3, format);
+  if (output == nullptr) return false;
+
+  // A negative product throws when the vector is sized, before anything is replaced.
+  const int64_t count = static_cast<int64_t>(d0) * d1 * d2 * d3;
+  std::vector<float> values(static_cast<std::size_t>(count));
+  std::copy_n(static_cast<const float*>(output), values.size(), values.begin());
+
+  getArtifactIno(values);
+  result_artifacts = post_process_blur_info();
+  return true;
 }
 
 void ArtifactDetectorImpl::set_artifact_thresholds() {
   for (const auto& entry : kDefaultThresholds) artifact_thresholds[entry.first] = entry.second;
+}
+
+void ArtifactDetectorImpl::replace_artifact_thresholds(std::map<int, float> thresholds) {
+  artifact_thresholds = std::move(thresholds);
 }
 
 void ArtifactDetectorImpl::getArtifactIno(std::vector<float>& output) {
@@ -115,18 +289,18 @@ void ArtifactDetectorImpl::getArtifactIno(std::vector<float>& output) {
   }
 }
 
-std::vector<ArtifactInfo> ArtifactDetectorImpl::post_process_blur_info() {
-  for (const ArtifactInfo& info : result_artifacts) {
+std::vector<ArtifactInfo> post_process_blur_info(const std::vector<ArtifactInfo>& infos) {
+  for (const ArtifactInfo& info : infos) {
     AD_LOGV("Before post_process_blur_info artifact_infos id : %d, %f", info.tag_id,
             static_cast<double>(info.score));
   }
   float other_blur = 0.0f;
-  for (const ArtifactInfo& info : result_artifacts) {
+  for (const ArtifactInfo& info : infos) {
     if (info.tag_id == kOtherBlurId) other_blur = info.score;
   }
 
   std::vector<ArtifactInfo> kept;
-  for (const ArtifactInfo& info : result_artifacts) {
+  for (const ArtifactInfo& info : infos) {
     if ((info.tag_id == kBlurId || info.tag_id == kMildBlurId) && other_blur > kOtherBlurHigh) {
       AD_LOGV("Droping the blur and mild blur because of otherblur confidence is high");
       continue;
@@ -138,6 +312,10 @@ std::vector<ArtifactInfo> ArtifactDetectorImpl::post_process_blur_info() {
             static_cast<double>(info.score));
   }
   return kept;
+}
+
+std::vector<ArtifactInfo> ArtifactDetectorImpl::post_process_blur_info() {
+  return artifact_detector::post_process_blur_info(result_artifacts);
 }
 
 int ArtifactDetectorImpl::get_total_artifact_count() {

@@ -22,6 +22,9 @@ enum Precision : int32_t { FLOAT32 = 0, FLOAT16 = 1, QASYMM16 = 2, QASYMM8 = 3 }
 // 1 / (1 + e^-x) per element: e^-x in single precision, the rest in double.
 std::vector<float> sigmoid(const std::vector<float>& v);
 
+// Drops Blur and MildBlur when OtherBlur is confidently present; the rest keeps its order.
+std::vector<ArtifactInfo> post_process_blur_info(const std::vector<ArtifactInfo>& infos);
+
 class ArtifactDetectorImpl {
  public:
   using Mode = ArtifactDetector::Mode;
@@ -45,6 +48,8 @@ class ArtifactDetectorImpl {
 
   // Scoring steps of a run, reachable for tests.
   void set_artifact_thresholds();
+  // Replaces the whole table: a class the new table lacks is never reported.
+  void replace_artifact_thresholds(std::map<int, float> thresholds);
   void getArtifactIno(std::vector<float>& output);
   std::vector<ArtifactInfo> post_process_blur_info();
 
@@ -53,7 +58,7 @@ class ArtifactDetectorImpl {
   bool mild_blur() const { return mild_blur_found; }
 
  private:
-  bool run_pipeline(cv::Mat image, bool log_copy_details);
+  bool run_pipeline(cv::Mat image, int target_height, int target_width, bool log_copy_details);
   std::string class_name(int id) const;
 
   std::vector<ArtifactInfo> result_artifacts;

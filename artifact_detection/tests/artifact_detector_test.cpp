@@ -59,6 +59,20 @@ TEST(ArtifactDetector, UninitialisedDetectorAnswersFalseAndKeepsAnEmptyResult) {
   EXPECT_TRUE(capture.contains("get_total_artifact_count : 0"));
 }
 
+TEST(ArtifactDetector, InitializeWithoutAnInferenceLibraryAnswersFalse) {
+  // This executable has no inference library on its search path.
+  DetectorPtr detector(ArtifactDetector::Create());
+  char models[] = "/nonexistent/models/";
+  LogCapture capture;
+  for (int mode : {0, 3}) {
+    EXPECT_FALSE(detector->initialize(static_cast<ArtifactDetector::Mode>(mode), models));
+  }
+  EXPECT_TRUE(capture.contains(
+      "TQ:Debug artifact detector init failed: exception: Dynamic loading of libTarnlink failed."));
+  std::vector<char> frame(64 * 48 * 3, 7);
+  EXPECT_FALSE(detector->execute(frame.data(), 64, 48, 0, ArtifactDetector::BGR));
+}
+
 TEST(ArtifactDetector, ExecuteLeavesTheCallersImageUntouched) {
   DetectorPtr detector(ArtifactDetector::Create());
   cv::Mat image(32, 32, CV_8UC3, cv::Scalar(10, 20, 30));
