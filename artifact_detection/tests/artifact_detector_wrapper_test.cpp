@@ -2,14 +2,18 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
 
+#include "support/fake_tarnlink.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 // Allocation failures on demand: the replaced global operator new fails the n-th allocation
 // after arm_allocation_failure(n), with std::bad_alloc or, to check what create does not
@@ -63,10 +67,10 @@ TEST_P(CreateFailure, ReturnsNullAndLogsOneLine) {
   ArtifactDetectorWrapper* handle = ArtifactDetectorWrapper_create();
   arm_allocation_failure(0);
   EXPECT_EQ(handle, nullptr);
-  EXPECT_EQ(capture.lines(),
-            std::vector<LogLine>{wrapper_line(
-                15, "TQ Debug: ArtifactDetectorWrapper_create: can't create "
-                    "ArtifactDetectorWrapper:  exception: std::bad_alloc")});
+  EXPECT_EQ(capture.lines(), std::vector<LogLine>{wrapper_line(
+                                 15,
+                                 "TQ Debug: ArtifactDetectorWrapper_create: can't create "
+                                 "ArtifactDetectorWrapper:  exception: std::bad_alloc")});
 }
 
 INSTANTIATE_TEST_SUITE_P(NthAllocation, CreateFailure, ::testing::Values(1, 2));
@@ -150,8 +154,102 @@ TEST(ArtifactDetectorWrapperInitialize, LogsThePathItForwards) {
   ArtifactDetectorWrapper_Initialize(handle.get(), 7, "/no/such/models/");
   const auto lines = capture.lines();
   ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(lines[0], wrapper_line(26, "TQ Debug: ArtifactDetectorWrapper_initialize model path c "
-                                       "wrapper=[/no/such/models/]"));
+  EXPECT_EQ(lines[0], wrapper_line(26,
+                                   "TQ Debug: ArtifactDetectorWrapper_initialize model path c "
+                                   "wrapper=[/no/such/models/]"));
+}
+
+// A detector initialised on the scripted inference library, whose network finds DonutBlur
+// (logit +inf, probability 1) and Noise (logit 0, probability 0.5) unless told otherwise.
+class InitialisedDetector : public ::testing::Test {
+ protected:
+  static constexpr int kWidth = 64;
+  static constexpr int kHeight = 48;
+
+  void SetUp() override {
+    models_.write_file("artifact_detector/artifact_detector_cnn.info",
+                       "{\n\"model_type\": \"cpu\",\n\"model_path\": \"" + models_.base() +
+                           "artifact_detector/net.onnx\"\n}\n");
+    script({5, 9});
+    for (size_t i = 0; i < frame_.size(); ++i) frame_[i] = static_cast<char>(i * 7 + i / 97 * 13);
+    handle_.reset(ArtifactDetectorWrapper_create());
+    ASSERT_TRUE(ArtifactDetectorWrapper_Initialize(handle_.get(), 0, models_.base().c_str()));
+  }
+
+  void script(std::vector<int> found_ids) {
+    std::vector<float> logits(12, -INFINITY);
+    for (int id : found_ids) logits[id] = id == 9 ? 0.0f : INFINITY;
+    fake_.reset();
+    fake_.set_input_size(32, 32);
+    fake_.set_layer_output("Identity", logits, {1, 12, 1, 1}, 0);
+  }
+
+  ad_test::TempDir models_;
+  ad_test::FakeTarnlink fake_;
+  Handle handle_;
+  std::vector<char> frame_ = std::vector<char>(kWidth * kHeight * 4);  // room for RGBA
+};
+
+struct FormatCase {
+  int64_t word;
+  int format;
+};
+
+std::ostream& operator<<(std::ostream& os, const FormatCase& c) {
+  return os << "word " << c.word << " -> format " << c.format;
+}
+
+class FormatWord : public InitialisedDetector, public ::testing::WithParamInterface<FormatCase> {};
+
+// The detector logs the format it was handed before it converts anything.
+TEST_P(FormatWord, UpperHalfIsTheFormat) {
+  char name[] = "frame.jpg";
+  const std::string expected =
+      "artifact_detector Execute with odd skip called : width : 64 height : 48 image_rotation : 0 "
+      "image_format : " +
+      std::to_string(GetParam().format);
+  for (bool with_name : {false, true}) {
+    LogCapture capture;
+    if (with_name) {
+      ArtifactDetectorWrapper_execute_with_image_name(handle_.get(), frame_.data(), kWidth, kHeight,
+                                                      0, GetParam().word, name);
+    } else {
+      ArtifactDetectorWrapper_execute(handle_.get(), frame_.data(), kWidth, kHeight, 0,
+                                      GetParam().word);
+    }
+    EXPECT_TRUE(capture.contains(expected)) << "with image name: " << with_name;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Words, FormatWord,
+                         ::testing::Values(FormatCase{2, 0}, FormatCase{int64_t{2} << 32, 2},
+                                           FormatCase{int64_t{1} << 32, 1},
+                                           FormatCase{(int64_t{2} << 32) | 1, 2},
+                                           FormatCase{-1, -1}));
+
+TEST_F(InitialisedDetector, CountAnswersWhetherAnythingWasFound) {
+  ASSERT_TRUE(ArtifactDetectorWrapper_execute(handle_.get(), frame_.data(), kWidth, kHeight, 0,
+                                              int64_t{1} << 32));
+  // The handle is the detector itself.
+  auto* detector = reinterpret_cast<artifact_detector::ArtifactDetector*>(handle_.get());
+  EXPECT_EQ(detector->get_total_artifact_count(), 2);
+  EXPECT_TRUE(ArtifactDetectorWrapper_get_total_artifact_count(handle_.get()));
+
+  Artifact_Info records[2] = {};
+  EXPECT_TRUE(ArtifactDetectorWrapper_get_artifact_info(handle_.get(), records));
+  EXPECT_EQ(records[0].tag_id, 5);
+  EXPECT_STREQ(records[0].tag, "DonutBlur");
+  EXPECT_EQ(records[0].score, 1.0f);
+  EXPECT_EQ(records[1].tag_id, 9);
+  EXPECT_STREQ(records[1].tag, "Noise");
+  EXPECT_EQ(records[1].score, 0.5f);
+
+  script({});
+  char name[] = "frame.jpg";
+  ASSERT_TRUE(ArtifactDetectorWrapper_execute_with_image_name(handle_.get(), frame_.data(), kWidth,
+                                                              kHeight, 0, int64_t{1} << 32, name));
+  EXPECT_EQ(detector->get_total_artifact_count(), 0);
+  EXPECT_FALSE(ArtifactDetectorWrapper_get_total_artifact_count(handle_.get()));
 }
 
 }  // namespace
