@@ -1,5 +1,5 @@
 # Two commands for a newcomer: `make demo` and `make test`. Both install what they need.
-.PHONY: deps build demo test test-default test-asan install clean
+.PHONY: deps build demo test test-default test-asan test-tsan install clean
 
 deps:
 	bash scripts/install-deps
@@ -21,10 +21,15 @@ test-asan: deps
 	cmake --build --preset asan
 	ctest --preset asan
 
-test: test-default test-asan
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan
+	ctest --preset tsan
+
+test: test-default test-asan test-tsan
 
 install: build
 	cmake --install build --prefix $(or $(PREFIX),/usr/local)
 
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan build-tsan
