@@ -19,6 +19,7 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+#include <opencv2/core/utils/logger.hpp>
 #include <opencv2/imgcodecs.hpp>
 
 #include "artifact_detector.h"
@@ -166,7 +167,8 @@ Options parse_options(int argc, char** argv) {
   return options;
 }
 
-// Files in command-line order, folders expanded recursively in sorted order.
+// Files in command-line order, folders expanded recursively in sorted order. Inside folders
+// only files OpenCV can decode are taken; a file named on the command line is always tried.
 std::vector<std::string> collect_files(const std::vector<std::string>& inputs) {
   std::vector<std::string> files;
   for (const std::string& input : inputs) {
@@ -175,7 +177,9 @@ std::vector<std::string> collect_files(const std::vector<std::string>& inputs) {
       std::vector<std::string> found;
       for (auto it = fs::recursive_directory_iterator(input, ec);
            !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        if (it->is_regular_file(ec)) found.push_back(it->path().string());
+        if (it->is_regular_file(ec) && cv::haveImageReader(it->path().string())) {
+          found.push_back(it->path().string());
+        }
       }
       std::sort(found.begin(), found.end());
       files.insert(files.end(), found.begin(), found.end());
@@ -344,6 +348,8 @@ class Printer {
 int main(int argc, char** argv) {
   const Options options = parse_options(argc, argv);
   __android_log_set_minimum_priority(options.verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_SILENT);
+  cv::utils::logging::setLogLevel(options.verbose ? cv::utils::logging::LOG_LEVEL_INFO
+                                                  : cv::utils::logging::LOG_LEVEL_ERROR);
 
   // The library prints diagnostics on standard output; keep ours a clean stream of results
   // by moving the library's to standard error (--verbose) or to nowhere.

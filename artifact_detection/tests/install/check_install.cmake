@@ -18,7 +18,15 @@ set(expected
   lib/libTarnlink.camera.korvane.so
   lib/cmake/ArtifactDetector/ArtifactDetectorConfig.cmake
   lib/pkgconfig/artifact_detector.pc
-  include/artifact_detector/artifact_detector.h)
+  include/artifact_detector/artifact_detector.h
+  include/artifact_detector/artifact_detector_wrapper.h
+  include/artifact_detector/utils/sys_utils.h
+  include/artifact_detector/utils/image_utils.h
+  include/artifact_detector/core/model_interface/dl_loader.h
+  include/artifact_detector/core/model_interface/tarnlink_api.h
+  include/artifact_detector/core/net/NNet.h
+  include/artifact_detector/core/utils/image_utils.h
+  bin/artifact-detect)
 if(DEFINED EXTRA_FILES)
   list(APPEND expected ${EXTRA_FILES})
 endif()
