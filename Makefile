@@ -1,5 +1,5 @@
 # Two commands for a newcomer: `make demo` and `make test`. Both install what they need.
-.PHONY: deps build demo test test-default test-asan test-tsan install clean
+.PHONY: deps build demo test test-default test-asan test-tsan test-fuzz fuzz install clean
 
 deps:
 	bash scripts/install-deps
@@ -26,10 +26,23 @@ test-tsan: deps
 	cmake --build --preset tsan
 	ctest --preset tsan
 
-test: test-default test-asan test-tsan
+# Every fuzz target over its committed corpus, then AD_FUZZ_SECONDS (30) of fresh inputs.
+test-fuzz: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	ctest --preset fuzz
+
+test: test-default test-asan test-tsan test-fuzz
+
+# Longer fuzzing: FUZZ_SECONDS (60) per target, building on the inputs earlier runs found
+# (kept in build-fuzz/fuzz/work/<target>/kept); see docs/reliability.md.
+fuzz: deps
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	AD_FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) AD_FUZZ_KEEP_CORPUS=1 ctest --preset fuzz
 
 install: build
 	cmake --install build --prefix $(or $(PREFIX),/usr/local)
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz
