@@ -103,9 +103,12 @@ struct Request {
   std::size_t buffer_bytes() const {
     const std::size_t pixels = static_cast<std::size_t>(size.area());
     switch (format) {
-      case ImageFormat::NV21: return pixels * 3 / 2;
-      case ImageFormat::RGBA: return pixels * 4;
-      default: return pixels * 3;
+      case ImageFormat::NV21:
+        return pixels * 3 / 2;
+      case ImageFormat::RGBA:
+        return pixels * 4;
+      default:
+        return pixels * 3;
     }
   }
 };
@@ -119,11 +122,11 @@ cv::Mat decode(const Request& r, char* buffer) {
     case kNv21ConvertRotate:
       return tqr_arm_neon::nv21_convert_rotate(buffer, w, h, r.rotation);
     case kNv21ResizeConvertRotate:
-      return tqr_arm_neon::nv21_resize_convert_rotate(buffer, w, h, r.target.width,
-                                                      r.target.height, r.rotation);
+      return tqr_arm_neon::nv21_resize_convert_rotate(buffer, w, h, r.target.width, r.target.height,
+                                                      r.rotation);
     case kNv21ConvertResizeRotate:
-      return tqr_arm_neon::nv21_convert_resize_rotate(buffer, w, h, r.target.width,
-                                                      r.target.height, r.rotation);
+      return tqr_arm_neon::nv21_convert_resize_rotate(buffer, w, h, r.target.width, r.target.height,
+                                                      r.rotation);
     case kRoutineCount:
       break;
   }

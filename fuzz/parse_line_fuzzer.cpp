@@ -36,9 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ad_fuzz::check(member.first.empty() && member.second.empty(),
                    "fewer than four quotes give an empty pair");
   }
-  ad_fuzz::check(member.first.find('"') == std::string::npos &&
-                     member.second.find('"') == std::string::npos,
-                 "key and value never hold a quote");
+  ad_fuzz::check(
+      member.first.find('"') == std::string::npos && member.second.find('"') == std::string::npos,
+      "key and value never hold a quote");
   ad_fuzz::check(member.first.size() + member.second.size() + 4 <= line.size() ||
                      (member.first.empty() && member.second.empty()),
                  "key and value come from inside the line");
