@@ -1,0 +1,405 @@
+"""Builds the synthesised, preprocessed training and validation sets.
+
+Sources are the wallpaper images unpacked by fetch_data. They are grouped by
+scene (size and colour variants of one picture form one group) and the groups
+are split, seeded, into train and validation, so no scene is seen in both.
+Each sample is a camera-like 4:3 (or 3:4) frame of 1-2 Mpixel cut from a
+source, given none, one or two artifacts at full resolution, and then put
+through exactly the detector's preprocessing: area resize to the network
+size and a JPEG quality-95 round trip. The network views are cached as .npy.
+"""
+import argparse
+import hashlib
+import json
+import math
+import multiprocessing as mp
+import os
+import re
+import sys
+import time
+
+import cv2
+import numpy as np
+
+import synthesis as syn
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+DATA = os.path.join(HERE, "data")
+SOURCES = os.path.join(DATA, "sources")
+PACKAGE_DIRS = {  # where each wallpaper package puts its pictures
+    "plasma-workspace-wallpapers": "usr/share/wallpapers",
+    "mate-backgrounds": "usr/share/backgrounds/mate",
+    "ukui-wallpapers": "usr/share/backgrounds",
+}
+MAX_SOURCE_SIDE = 2880  # frames are at most ~1.6k wide; keep zoom-out headroom
+MIN_SOURCE_PIXELS = 0.9e6
+# Each picture is stored at a few scales; a frame is cut from one of them
+# without further resampling, which gives zoomed-out views cheaply.
+SOURCE_LEVELS = (1.0, 0.72, 0.52)
+# Crisp-edge strength a frame needs at the network size to pass as sharp;
+# slight defocus brings typical frames to a third of their strength.
+MIN_EDGE_STRENGTH = 25.0
+JPEG_QUALITY = 95
+
+
+def scene_group(package, rel):
+    """One id per picture: size variants and colour variants share it."""
+    if package == "plasma-workspace-wallpapers":
+        return package + ":" + rel.split("/")[0]
+    stem = os.path.splitext(os.path.basename(rel))[0]
+    stem = re.sub(r"_\d+x\d+$", "", stem)
+    stem = re.sub(r"-(no-logo)$", "", stem)
+    stem = re.sub(r"-(Dark|Light|Cold|Warm|Radioactive)$", "", stem)
+    return package + ":" + stem
+
+
+def load_opaque(path, rel):
+    """Some wallpapers are overlays with transparency, shown on the desktop
+    colour: composite them on a vertical two-colour gradient instead."""
+    img = cv2.imread(path, cv2.IMREAD_UNCHANGED)
+    if img is None or img.ndim != 3:
+        return None if img is None else cv2.cvtColor(img, cv2.COLOR_GRAY2BGR)
+    if img.shape[2] == 3:
+        return img
+    alpha = img[..., 3:].astype(np.float32) / 255.0
+    if alpha.min() >= 0.99:
+        return np.ascontiguousarray(img[..., :3])
+    rng = np.random.default_rng(sum(rel.encode()))
+    top, bottom = rng.uniform(30, 200, (2, 3))
+    t = np.linspace(0, 1, img.shape[0], dtype=np.float32)[:, None, None]
+    back = top * (1 - t) + bottom * t
+    out = img[..., :3].astype(np.float32) * alpha + back * (1 - alpha)
+    return np.clip(out + 0.5, 0, 255).astype(np.uint8)
+
+
+def prepare_sources(seed, val_fraction):
+    """Decodes every usable picture once into .npy (memory-mapped later)."""
+    index_path = os.path.join(SOURCES, "index.json")
+    if os.path.exists(index_path):
+        with open(index_path) as f:
+            index = json.load(f)
+        if index.get("seed") == seed and index.get("val_fraction") == val_fraction:
+            return index
+    os.makedirs(SOURCES, exist_ok=True)
+    root = os.path.join(DATA, "root")
+    entries = []
+    for package, sub in PACKAGE_DIRS.items():
+        base = os.path.join(root, sub)
+        for dirpath, dirnames, files in os.walk(base):
+            dirnames.sort()
+            # the top-level backgrounds folder holds the mate folder too
+            if package == "ukui-wallpapers" and dirpath != base:
+                continue
+            for name in sorted(files):
+                if not name.lower().endswith((".png", ".jpg", ".jpeg")):
+                    continue
+                if name.startswith("screenshot"):
+                    continue  # thumbnails
+                if os.path.islink(os.path.join(dirpath, name)):
+                    continue  # size aliases of the same picture
+                rel = os.path.relpath(os.path.join(dirpath, name), base)
+                entries.append((package, rel, os.path.join(dirpath, name)))
+    files = []
+    for package, rel, path in entries:
+        img = load_opaque(path, rel)
+        if img is None or img.shape[0] * img.shape[1] < MIN_SOURCE_PIXELS:
+            continue
+        f = min(1.0, MAX_SOURCE_SIDE / max(img.shape[:2]))
+        if f < 1.0:
+            img = cv2.resize(img, (int(img.shape[1] * f), int(img.shape[0] * f)),
+                             interpolation=cv2.INTER_AREA)
+        levels = []
+        for li, lf in enumerate(SOURCE_LEVELS):
+            lvl = img if lf == 1.0 else cv2.resize(
+                img, (int(img.shape[1] * lf), int(img.shape[0] * lf)),
+                interpolation=cv2.INTER_AREA)
+            if lf < 1.0 and lvl.shape[0] * lvl.shape[1] < MIN_SOURCE_PIXELS:
+                break
+            out = "%03d_%d.npy" % (len(files), li)
+            np.save(os.path.join(SOURCES, out), lvl)
+            levels.append(out)
+        files.append({"levels": levels, "package": package, "rel": rel,
+                      "group": scene_group(package, rel),
+                      "shape": list(img.shape)})
+    # Seeded split by scene, per package so every collection is in both sets.
+    rng = np.random.default_rng(seed)
+    split = {}
+    for package in PACKAGE_DIRS:
+        groups = sorted({e["group"] for e in files if e["package"] == package})
+        order = rng.permutation(len(groups))
+        n_val = max(1, int(round(len(groups) * val_fraction)))
+        for rank, gi in enumerate(order):
+            split[groups[gi]] = "val" if rank < n_val else "train"
+    for e in files:
+        e["split"] = split[e["group"]]
+    index = {"seed": seed, "val_fraction": val_fraction, "files": files}
+    with open(index_path, "w") as f:
+        json.dump(index, f, indent=1)
+    return index
+
+
+# --------------------------------------------------------------------------
+# Per-worker state
+
+_W = {}
+
+
+def _init_worker(index, split, net_size):
+    cv2.setNumThreads(1)
+    files = [e for e in index["files"] if e["split"] == split]
+    groups = {}
+    for e in files:
+        groups.setdefault(e["group"], []).append(
+            [np.load(os.path.join(SOURCES, f), mmap_mode="r") for f in e["levels"]])
+    _W["groups"] = [groups[g] for g in sorted(groups)]
+    _W["net"] = net_size
+
+
+def _cut_frame(rng, levels, check, size=None):
+    """A camera-like frame: 4:3 or 3:4, 1-2 Mpixel, from one of the source's
+    scales; `size` forces the frame size (never upscaled: cut smaller)."""
+    if size is None:
+        portrait = rng.random() < 0.25
+        area = rng.uniform(1.0e6, 2.0e6)
+        long_side = math.sqrt(area * 4 / 3)
+        fw, fh = (long_side * 3 / 4, long_side) if portrait else (long_side, long_side * 3 / 4)
+    else:
+        fw, fh = size
+    usable = [lv for lv in levels if lv.shape[1] >= fw and lv.shape[0] >= fh]
+    if usable:
+        src = usable[int(rng.integers(len(usable)))]
+    else:  # small source: the largest frame of that shape it holds
+        src = levels[0]
+        fit = min(src.shape[1] / fw, src.shape[0] / fh)
+        fw, fh = fw * fit, fh * fit
+    sh, sw = src.shape[:2]
+    fw, fh = int(fw) // 2 * 2, int(fh) // 2 * 2
+    x0 = int(rng.integers(0, sw - fw + 1))
+    y0 = int(rng.integers(0, sh - fh + 1))
+    crop = src[y0:y0 + fh, x0:x0 + fw]
+    if rng.random() < 0.5:
+        crop = crop[:, ::-1]
+    crop = np.ascontiguousarray(crop)
+    if size is not None and crop.shape[:2] != (size[1], size[0]):
+        crop = cv2.resize(crop, tuple(size), interpolation=cv2.INTER_LINEAR)
+    if check and not base_usable(crop, _W["net"]):
+        return None
+    return crop
+
+
+def base_usable(frame_u8, net_size):
+    """A frame a camera could plausibly deliver as a clean picture: some
+    structure (a pure gradient would read as blur), ordinary exposure (a
+    near-black picture would read as low light) and little pure black or
+    white (which would read as clipping)."""
+    v = syn.quick_view(frame_u8, net_size).astype(np.float32)
+    y = syn.luma(v)
+    if syn.edge_strength(y) < MIN_EDGE_STRENGTH:
+        return False
+    if not 45.0 <= float(y.mean()) <= 210.0:
+        return False
+    return syn.clipped_fraction(v) <= 0.15
+
+
+def _pick_frame(rng, check=True, exclude=None, size=None):
+    groups = _W["groups"]
+    for _ in range(200):
+        gi = int(rng.integers(len(groups)))
+        if gi == exclude:
+            continue
+        srcs = groups[gi]
+        levels = srcs[int(rng.integers(len(srcs)))]
+        crop = _cut_frame(rng, levels, check, size)
+        if crop is not None:
+            return gi, crop
+    raise RuntimeError("no usable frame found")
+
+
+def _single_weights():
+    """Classes that take part in fewer compatible pairs are drawn more often
+    alone, so every class ends up with about the same number of frames."""
+    in_pairs = np.zeros(12)
+    for a, b in syn.COMPATIBLE_PAIRS:
+        in_pairs[a] += 1
+        in_pairs[b] += 1
+    share = PAIR_SHARE / len(syn.COMPATIBLE_PAIRS) * in_pairs[1:]
+    target = (SINGLE_SHARE + PAIR_SHARE * 2) / 11
+    w = np.maximum(target - share, 0.2 * target)
+    return w / w.sum()
+
+
+CLEAN_SHARE, SINGLE_SHARE, PAIR_SHARE = 0.2, 0.5, 0.3
+SINGLE_WEIGHTS = _single_weights()
+
+
+def choose_artifacts(rng):
+    r = rng.random()
+    if r < CLEAN_SHARE:
+        return []
+    if r < CLEAN_SHARE + SINGLE_SHARE:
+        return [int(rng.choice(11, p=SINGLE_WEIGHTS)) + 1]
+    return list(syn.COMPATIBLE_PAIRS[int(rng.integers(len(syn.COMPATIBLE_PAIRS)))])
+
+
+OPTICAL_ORDER = [syn.SHADOW, syn.REFLECTION, syn.FLARE, syn.MOIRE, syn.DONUT,
+                 syn.BLUR, syn.MILDBLUR, syn.OTHERBLUR, syn.LOWLIGHT]
+OPTICAL = {
+    syn.SHADOW: syn.apply_shadow,
+    syn.FLARE: syn.apply_flare,
+    syn.MOIRE: syn.apply_moire,
+    syn.DONUT: syn.apply_donut_blur,
+    syn.BLUR: syn.apply_blur,
+    syn.MILDBLUR: syn.apply_mild_blur,
+    syn.OTHERBLUR: syn.apply_motion,
+    syn.LOWLIGHT: syn.apply_low_light,
+}
+ATTEMPTS = 3
+
+
+def render(rng, artifacts, net_size):
+    """Full-resolution frame (uint8 BGR) with the artifacts, or None."""
+    gi, crop = _pick_frame(rng)
+    fr = syn.Frame(syn.to_linear(crop), net_size)
+    # Ordinary variation of exposure and white balance between clean captures.
+    fr.lin *= (rng.uniform(0.8, 1.2) * rng.uniform(0.92, 1.08, 3)).astype(np.float32)
+    if rng.random() < 0.3:  # slight softness any lens has: below MildBlur
+        fr.lin = syn.gaussian_large(fr.lin, rng.uniform(0.1, 0.35) * fr.scale)
+    for a in OPTICAL_ORDER:
+        if a not in artifacts:
+            continue
+        before = fr.lin
+        for _ in range(ATTEMPTS):
+            fr.lin = before
+            if a == syn.REFLECTION:
+                _, other = _pick_frame(rng, exclude=gi, size=(fr.w, fr.h))
+                ok = syn.apply_reflection(fr, rng, syn.to_linear(other))
+            else:
+                ok = OPTICAL[a](fr, rng)
+            if ok:
+                break
+        else:
+            return None
+    img = syn.to_display(fr.lin)
+    if syn.LDR in artifacts:
+        before = img
+        for _ in range(ATTEMPTS):
+            img = syn.apply_ldr(before, rng)
+            if syn.ldr_visible(before, img, net_size):
+                break
+        else:
+            return None
+    if syn.NOISE in artifacts:
+        img = syn.apply_noise(img, rng, net_size)
+    elif syn.LOWLIGHT not in artifacts:
+        # Every sensor is a little noisy: far below what counts as Noise.
+        img = syn.apply_noise(img, rng, net_size, target=rng.uniform(0.0, 1.5))
+    return np.clip(np.round(img), 0, 255).astype(np.uint8)
+
+
+def preprocess(frame_u8, net_size):
+    """The detector's own path: area resize, then a JPEG quality-95 round trip."""
+    small = cv2.resize(frame_u8, (net_size, net_size), interpolation=cv2.INTER_AREA)
+    ok, buf = cv2.imencode(".jpg", small, [cv2.IMWRITE_JPEG_QUALITY, JPEG_QUALITY])
+    return cv2.imdecode(buf, cv2.IMREAD_COLOR) if ok else small
+
+
+def make_sample(args):
+    seed, split_id, i = args
+    rng = np.random.default_rng([seed, split_id, i])
+    net = _W["net"]
+    artifacts = choose_artifacts(rng)
+    for _ in range(50):
+        frame = render(rng, artifacts, net)
+        if frame is not None:
+            break
+    else:
+        raise RuntimeError("sample %d: artifacts %s never visible" % (i, artifacts))
+    label = np.zeros(syn.NUM_OUTPUTS, np.uint8)
+    label[artifacts] = 1
+    label[0] = 1 if not artifacts else 0  # position 0: clean frame
+    return preprocess(frame, net), label, frame if _W.get("keep") else None
+
+
+def code_digest():
+    h = hashlib.sha256()
+    for name in ("synthesis.py", "build_dataset.py"):
+        with open(os.path.join(HERE, name), "rb") as f:
+            h.update(f.read())
+    return h.hexdigest()[:16]
+
+
+def build(split, count, seed, net_size, index, workers, out_dir):
+    # A split already synthesised by this code with these settings is kept.
+    stamp = {"split": split, "count": count, "seed": seed, "net_size": net_size,
+             "code": code_digest()}
+    stamp_path = os.path.join(out_dir, "%s_stamp.json" % split)
+    if os.path.exists(stamp_path) and os.path.exists(os.path.join(out_dir, "%s_y.npy" % split)):
+        with open(stamp_path) as f:
+            if json.load(f) == stamp:
+                print("%s: reusing the cached %d samples" % (split, count), flush=True)
+                return
+    split_id = {"train": 1, "val": 2}[split]
+    x = np.zeros((count, net_size, net_size, 3), np.uint8)
+    y = np.zeros((count, syn.NUM_OUTPUTS), np.uint8)
+    jobs = [(seed, split_id, i) for i in range(count)]
+    t0 = time.time()
+    with mp.get_context("fork").Pool(workers, _init_worker, (index, split, net_size)) as pool:
+        for i, (img, label, _) in enumerate(pool.imap(make_sample, jobs, chunksize=8)):
+            x[i], y[i] = img, label
+            if (i + 1) % 500 == 0:
+                print("%s: %d/%d samples, %.0f s" % (split, i + 1, count, time.time() - t0),
+                      flush=True)
+    np.save(os.path.join(out_dir, "%s_x.npy" % split), x)
+    np.save(os.path.join(out_dir, "%s_y.npy" % split), y)
+    with open(stamp_path, "w") as f:
+        json.dump(stamp, f)
+    print("%s: %d samples in %.0f s, positives per class %s" % (
+        split, count, time.time() - t0, y.sum(0).tolist()), flush=True)
+
+
+def preview(index, split, net_size, seed, count, out_dir):
+    """Writes a few full frames and their network views for inspection."""
+    os.makedirs(out_dir, exist_ok=True)
+    _init_worker(index, split, net_size)
+    _W["keep"] = True
+    for i in range(count):
+        small, label, frame = make_sample((seed, 9, i))
+        names = [syn.CLASSES[k - 1] for k in np.nonzero(label[1:])[0] + 1] or ["clean"]
+        tag = "%03d_%s" % (i, "+".join(names))
+        view = cv2.resize(frame, (frame.shape[1] * 448 // frame.shape[0], 448),
+                          interpolation=cv2.INTER_AREA)
+        cv2.imwrite(os.path.join(out_dir, tag + "_frame.jpg"), view)
+        cv2.imwrite(os.path.join(out_dir, tag + "_net.png"), small)
+
+
+def main():
+    p = argparse.ArgumentParser()
+    p.add_argument("--seed", type=int, default=20240611)
+    p.add_argument("--net-size", type=int, default=224)
+    p.add_argument("--train", type=int, default=12000)
+    p.add_argument("--val", type=int, default=3000)
+    p.add_argument("--val-fraction", type=float, default=0.2)
+    p.add_argument("--workers", type=int, default=2)
+    p.add_argument("--out", default=os.path.join(DATA, "cache"))
+    p.add_argument("--preview", type=int, default=0,
+                   help="only write this many sample frames to --out")
+    a = p.parse_args()
+    index = prepare_sources(a.seed, a.val_fraction)
+    groups = {s: sorted({e["group"] for e in index["files"] if e["split"] == s})
+              for s in ("train", "val")}
+    print("sources: %d pictures; %d train scenes, %d validation scenes" % (
+        len(index["files"]), len(groups["train"]), len(groups["val"])), flush=True)
+    if a.preview:
+        preview(index, "train", a.net_size, a.seed, a.preview, a.out)
+        return
+    os.makedirs(a.out, exist_ok=True)
+    meta = {"seed": a.seed, "net_size": a.net_size, "train": a.train, "val": a.val,
+            "val_scenes": groups["val"], "train_scenes": groups["train"]}
+    with open(os.path.join(a.out, "meta.json"), "w") as f:
+        json.dump(meta, f, indent=1)
+    build("val", a.val, a.seed, a.net_size, index, a.workers, a.out)
+    build("train", a.train, a.seed, a.net_size, index, a.workers, a.out)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
