@@ -4,490 +4,185 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <memory>
 #include <opencv2/dnn.hpp>
 
 #include "core/model_interface/tarnlink_api.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr int kCpu = 0, kFloat32 = 0, kFloat16 = 1;
+const std::string kModels = TARNLINK_MODELS "/", kTiny = kModels + "tiny.onnx";  // 64 x 48
 
-struct Api {
-  TarnWrapper_create_t create;
-  TarnWrapper_destroy_t destroy;
-  TarnWrapper_openDLModel_t open;
-  TarnWrapper_openDLModel_direct_t open_direct;
-  TarnWrapper_openDLModel_direct_latency_t open_direct_latency;
-  TarnWrapper_openDLModel_zephOptions_t open_options;
-  TarnWrapper_getInputDimens_t input_dimens;
-  TarnWrapper_getInputChannels_t input_channels;
-  TarnWrapper_execute_t execute;
-  TarnWrapper_getLayerOutput_t output;
-  TarnWrapper_getLayerOutputAndFormat_t output_and_format;
-  TarnWrapper_setChannelMeans_t set_means;
-};
-
-template <typename T>
-void bind(void* handle, const char* symbol, T& fn) {
-  fn = reinterpret_cast<T>(dlsym(handle, symbol));
-  if (fn == nullptr) throw std::runtime_error(std::string("missing ") + symbol);
-}
-
-// The library, loaded once for the whole run.
-const Api& api() {
-  static const Api table = [] {
-    void* handle = dlopen(TARNLINK_LIBRARY, RTLD_NOW | RTLD_LOCAL);
-    if (handle == nullptr) throw std::runtime_error(dlerror());
-    Api a;
-    bind(handle, "TarnWrapper_create", a.create);
-    bind(handle, "TarnWrapper_destroy", a.destroy);
-    bind(handle, "TarnWrapper_openDLModel", a.open);
-    bind(handle, "TarnWrapper_openDLModel_direct", a.open_direct);
-    bind(handle, "TarnWrapper_openDLModel_direct_latency", a.open_direct_latency);
-    bind(handle, "TarnWrapper_openDLModel_zephOptions", a.open_options);
-    bind(handle, "TarnWrapper_getInputDimens", a.input_dimens);
-    bind(handle, "TarnWrapper_getInputChannels", a.input_channels);
-    bind(handle, "TarnWrapper_execute", a.execute);
-    bind(handle, "TarnWrapper_getLayerOutput", a.output);
-    bind(handle, "TarnWrapper_getLayerOutputAndFormat", a.output_and_format);
-    bind(handle, "TarnWrapper_setChannelMeans", a.set_means);
-    return a;
-  }();
-  return table;
-}
+// The library, loaded once for the whole run, and its operations.
+void* const g_library = dlopen(TARNLINK_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+#define TARN(name) reinterpret_cast<TarnWrapper_##name##_t>(dlsym(g_library, "TarnWrapper_" #name))
 
 using Session = std::unique_ptr<void, void (*)(void*)>;
-Session new_session() {
-  return Session(api().create(), [](void* s) { api().destroy(s); });
-}
-
-std::string model_path(const std::string& file) {
-  return std::string(TARNLINK_MODELS) + "/" + file;
-}
+Session new_session() { return Session(TARN(create)(), [](void* s) { TARN(destroy)(s); }); }
 
 struct Model {
-  const char* label;
-  const char* file;  // the .caffemodel has its .prototxt beside it
-  ZEPHModelType type;
-  const char* output;
+  const char *file, *prototxt, *inner, *output;  // prototxt: Caffe only
   int width, height;
   bool channels_last;
 };
+const Model kOnnx{"tiny.onnx", nullptr, "relu", "Identity", 64, 48, false},
+    kNhwc{"tiny_nhwc.onnx", nullptr, "relu", "Identity", 56, 40, true},
+    kCaffe{"tiny.caffemodel", "tiny.prototxt", "fc", "prob", 40, 32, false};
+void PrintTo(const Model& m, std::ostream* os) { *os << m.file; }
+enum Open { kPlain, kDirect, kOptions };
 
-const Model kModels[] = {
-    {"Onnx", "tiny.onnx", ZEPH_ONNX, "Identity", 64, 48, false},
-    {"OnnxNhwc", "tiny_nhwc.onnx", ZEPH_ONNX, "Identity", 56, 40, true},
-    {"Caffe", "tiny.caffemodel", ZEPH_CAFFE, "prob", 40, 32, false},
-};
-
-void PrintTo(const Model& m, std::ostream* os) { *os << m.label; }
-
-enum class OpenPath { kPlain, kDirect, kDirectLatency, kOptions };
-const char* const kOpenPathNames[] = {"Plain", "Direct", "DirectLatency", "Options"};
-void PrintTo(OpenPath p, std::ostream* os) { *os << kOpenPathNames[static_cast<int>(p)]; }
-
-// A scratch directory removed with the object.
-struct ScratchDir {
-  fs::path path;
-  ScratchDir() {
-    std::string name = (fs::temp_directory_path() / "tarnlink_test_XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    path = name;
-  }
-  ~ScratchDir() { fs::remove_all(path); }
-  // Copies a test model (a Caffe model with its prototxt) to `stem` plus its extension.
-  std::string install(const Model& m, const std::string& stem) const {
-    const fs::path source = model_path(m.file), target = path / stem;
-    fs::create_directories(target.parent_path());
-    fs::copy_file(source, target.string() + source.extension().string());
-    if (m.type == ZEPH_CAFFE) {
-      fs::copy_file(fs::path(source).replace_extension(".prototxt"), target.string() + ".prototxt");
-    }
-    return target.string() + source.extension().string();
-  }
-  std::string copy(const std::string& source, const std::string& name) const {
-    fs::copy_file(source, path / name);
-    return (path / name).string();
-  }
-  std::string write(const std::string& name, const std::string& bytes) const {
-    std::ofstream(path / name, std::ios::binary) << bytes;
-    return (path / name).string();
-  }
-};
-
-bool open_model(void* session, const Model& m, OpenPath how, const ScratchDir& scratch,
-                std::vector<const char*> outputs) {
-  switch (how) {
-    case OpenPath::kPlain:
-      // Model directories are lower case; the detector names the module with a capital D.
-      scratch.install(m, "artifact_detector/artifact_detector");
-      return api().open(session, (scratch.path.string() + "/").c_str(), "artifact_Detector",
-                        outputs.data(), outputs.size(), kCpu, kFloat16);
-    case OpenPath::kDirect:
-      return api().open_direct(session, model_path(m.file).c_str(), outputs.data(), outputs.size(),
-                               kCpu, kFloat32);
-    case OpenPath::kDirectLatency:
-      return api().open_direct_latency(session, model_path(m.file).c_str(), outputs.data(),
-                                       outputs.size(), kCpu, kFloat16);
-    case OpenPath::kOptions:
-      ZEPHInterface options;
-      options.compute_unit = kCpu;
-      options.precision = kFloat16;
-      options.model_type = m.type;
-      options.output_layer_names.assign(outputs.begin(), outputs.end());
-      return api().open_options(session, model_path(m.file).c_str(), options);
-  }
-  return false;
+bool open_options(void* s, const std::string& path, int type, int unit, int precision,
+                  std::vector<std::string> outs = {}) {
+  ZEPHInterface o;
+  o.model_type = static_cast<ZEPHModelType>(type);
+  o.compute_unit = unit;
+  o.precision = precision;
+  o.output_layer_names = std::move(outs);
+  return TARN(openDLModel_zephOptions)(s, path.c_str(), o);
 }
 
-// OpenCV's own answer for `image` (HWC floats), with the test building the input blob.
-cv::Mat reference_output(const Model& m, const cv::Mat& image, const std::string& layer) {
-  cv::dnn::Net net =
-      m.type == ZEPH_ONNX
-          ? cv::dnn::readNetFromONNX(model_path(m.file))
-          : cv::dnn::readNetFromCaffe(fs::path(model_path(m.file)).replace_extension(".prototxt"),
-                                      model_path(m.file));
-  cv::Mat blob = m.channels_last
-                     ? cv::Mat({1, image.rows, image.cols, image.channels()}, CV_32F, image.data)
-                     : cv::dnn::blobFromImage(image);
-  net.setInput(blob);
-  // The importer's name for the layer behind an inner ONNX tensor.
-  const bool inner = net.getLayerId(layer) < 0;
-  return net.forward(inner ? "onnx_node_output_0!" + layer : layer).clone();
+bool open(void* s, const Model& m, Open how, const std::string& base, const char** outs) {
+  // Model directories are lower case; the detector names the module with a capital D.
+  const std::string path = kModels + m.file, stem = base + "artifact_detector/artifact_detector";
+  if (how == kDirect) return TARN(openDLModel_direct)(s, path.c_str(), outs, 2, kCpu, kFloat32);
+  const int type = m.prototxt ? ZEPH_CAFFE : ZEPH_ONNX;
+  if (how == kOptions) return open_options(s, path, type, kCpu, kFloat16, {outs, outs + 2});
+  std::filesystem::create_directories(base + "artifact_detector");
+  std::filesystem::copy_file(kTiny, base + "artifact_detector/decoy.onnx");  // not named: ignored
+  std::filesystem::copy_file(path, stem + path.substr(path.rfind('.')));
+  if (m.prototxt) std::filesystem::copy_file(kModels + m.prototxt, stem + ".prototxt");
+  return TARN(openDLModel)(s, base.c_str(), "artifact_Detector", outs, 2, kCpu, kFloat16);
 }
 
-cv::Mat random_image(const Model& m, int channels, uint64_t seed) {
-  cv::Mat image(m.height, m.width, CV_32FC(channels));
-  cv::RNG(seed).fill(image, cv::RNG::UNIFORM, -128.0, 128.0);
-  return image;
+// OpenCV's own answer for `image` (HWC floats), the test building the input blob itself.
+std::vector<float> opencv(const Model& m, const cv::Mat& image, const std::string& layer) {
+  cv::dnn::Net net = m.prototxt ? cv::dnn::readNetFromCaffe(kModels + m.prototxt, kModels + m.file)
+                                : cv::dnn::readNetFromONNX(kModels + m.file);
+  net.setInput(m.channels_last ? cv::Mat({1, m.height, m.width, 3}, CV_32F, image.data)
+                               : cv::dnn::blobFromImage(image));
+  const bool inner = net.getLayerId(layer) < 0;  // the importer's name for an inner ONNX tensor
+  const cv::Mat out = net.forward(inner ? "onnx_node_output_0!" + layer : layer);
+  return std::vector<float>(out.begin<float>(), out.end<float>());
 }
 
-std::vector<float> read_output(void* session, const char* layer, std::vector<int>* dims = nullptr) {
-  int d[4] = {0, 0, 0, 0}, format = -1;
-  const float* data = api().output_and_format(session, layer, &d[0], &d[1], &d[2], &d[3], &format);
+std::vector<float> output(void* s, const char* layer) {
+  int d0 = 0, d1 = 0, d2 = 0, d3 = 0, format = -1;
+  const float* data = TARN(getLayerOutputAndFormat)(s, layer, &d0, &d1, &d2, &d3, &format);
   if (data == nullptr) return {};
-  EXPECT_EQ(format, 1);
-  if (dims) dims->assign(d, d + 4);
-  return std::vector<float>(data, data + d[0] * d[1] * d[2] * d[3]);
+  EXPECT_EQ(format, 1);  // channels first
+  return std::vector<float>(data, data + d0 * d1 * d2 * d3);
 }
 
-std::vector<float> values(const cv::Mat& m) {
-  return std::vector<float>(m.begin<float>(), m.end<float>());
-}
+class OpenAndRun : public testing::TestWithParam<std::tuple<Model, Open>> {};
 
-class OpenAndRun : public testing::TestWithParam<std::tuple<Model, OpenPath>> {
- protected:
-  const Model& model() const { return std::get<0>(GetParam()); }
-  ScratchDir scratch_;
-  Session session_ = new_session();
-};
-
-// The input size comes from the model; the output is OpenCV's own for the same input, and a
-// four-channel input runs on its first three channels.
-TEST_P(OpenAndRun, ReportsTheModelsInputAndGivesOpenCvsOutput) {
-  ASSERT_TRUE(
-      open_model(session_.get(), model(), std::get<1>(GetParam()), scratch_, {model().output}));
+// The input size comes from the model and the outputs are OpenCV's for the same input (a
+// fourth channel dropped, channel means subtracted), each kept until the next run.
+TEST_P(OpenAndRun, ReportsTheModelsInputAndGivesOpenCvsOutputs) {
+  const auto& [m, how] = GetParam();
+  ad_test::TempDir dir;
+  Session s = new_session();
+  const char* outs[2] = {m.inner, m.output};
+  ASSERT_TRUE(open(s.get(), m, how, dir.base(), outs));
   int width = 0, height = 0, channels = 0;
-  ASSERT_TRUE(api().input_dimens(session_.get(), &width, &height));
-  EXPECT_EQ(width, model().width);
-  EXPECT_EQ(height, model().height);
-  ASSERT_TRUE(api().input_channels(session_.get(), &channels));
-  EXPECT_EQ(channels, 3);
+  ASSERT_TRUE(TARN(getInputDimens)(s.get(), &width, &height));
+  ASSERT_TRUE(TARN(getInputChannels)(s.get(), &channels));
+  EXPECT_EQ(std::tuple(width, height, channels), std::tuple(m.width, m.height, 3));
 
-  const cv::Mat image = random_image(model(), 3, 7);
-  const std::vector<float> expected = values(reference_output(model(), image, model().output));
-  ASSERT_EQ(expected.size(), 12u);
+  cv::Mat image(m.height, m.width, CV_32FC3), rgba;
+  cv::randu(image, -128.0, 128.0);
+  cv::merge(std::vector<cv::Mat>{image, cv::Mat(image.size(), CV_32F, cv::Scalar(55))}, rgba);
+  ASSERT_TRUE(TARN(execute)(s.get(), rgba.ptr<float>(), m.width, m.height, TARN_INPUT_4_CHANNELS));
+  const std::vector<float> out = output(s.get(), m.output);
+  EXPECT_EQ(out, opencv(m, image, m.output));
+  EXPECT_EQ(output(s.get(), m.inner), opencv(m, image, m.inner));
+  int d[4] = {0, 0, 0, 0};
+  const float* kept = TARN(getLayerOutput)(s.get(), m.output, &d[0], &d[1], &d[2], &d[3]);
+  ASSERT_EQ(std::vector<int>(d, d + 4), (std::vector<int>{1, 12, 1, 1}));
+  EXPECT_EQ(std::vector<float>(kept, kept + 12), out);
 
-  cv::Mat with_alpha;
-  cv::merge(std::vector<cv::Mat>{image, cv::Mat(image.size(), CV_32F, cv::Scalar(55))}, with_alpha);
-  for (auto [input, format] :
-       {std::pair{image, TARN_INPUT_3_CHANNELS}, {with_alpha, TARN_INPUT_4_CHANNELS}}) {
-    ASSERT_TRUE(
-        api().execute(session_.get(), input.ptr<float>(), model().width, model().height, format));
-    std::vector<int> dims;
-    EXPECT_EQ(read_output(session_.get(), model().output, &dims), expected) << format;
-    EXPECT_EQ(dims, (std::vector<int>{1, 12, 1, 1}));
-  }
-}
-
-std::string open_and_run_name(const testing::TestParamInfo<OpenAndRun::ParamType>& info) {
-  return std::string(std::get<0>(info.param).label) +
-         kOpenPathNames[static_cast<int>(std::get<1>(info.param))];
-}
-
-INSTANTIATE_TEST_SUITE_P(EveryModelEveryOpen, OpenAndRun,
-                         testing::Combine(testing::ValuesIn(kModels),
-                                          testing::Values(OpenPath::kPlain, OpenPath::kDirect,
-                                                          OpenPath::kDirectLatency,
-                                                          OpenPath::kOptions)),
-                         open_and_run_name);
-
-class Outputs : public testing::TestWithParam<Model> {
- protected:
-  ScratchDir scratch_;
-  Session session_ = new_session();
-};
-
-// Two layers asked for at open are both kept, each until the next run; a failed run drops
-// them all.
-TEST_P(Outputs, KeepsEveryRequestedLayerUntilTheNextRun) {
-  const Model& m = GetParam();
-  const char* inner = m.type == ZEPH_CAFFE ? "fc" : "relu";
-  ASSERT_TRUE(open_model(session_.get(), m, OpenPath::kDirect, scratch_, {inner, m.output}));
-  cv::Mat first = random_image(m, 3, 1), second = random_image(m, 3, 2);
-
-  ASSERT_TRUE(api().execute(session_.get(), first.ptr<float>(), m.width, m.height, 1));
-  const float* kept = api().output_and_format(session_.get(), m.output, nullptr, nullptr, nullptr,
-                                              nullptr, nullptr);
-  const std::vector<float> first_out = read_output(session_.get(), m.output);
-  EXPECT_EQ(read_output(session_.get(), inner), values(reference_output(m, first, inner)));
-  EXPECT_EQ(std::vector<float>(kept, kept + 12), first_out);  // reading twice changes nothing
-
-  ASSERT_TRUE(api().execute(session_.get(), second.ptr<float>(), m.width, m.height, 1));
-  EXPECT_EQ(read_output(session_.get(), m.output), values(reference_output(m, second, m.output)));
-  EXPECT_NE(read_output(session_.get(), m.output), first_out);
-
-  EXPECT_FALSE(api().execute(session_.get(), second.ptr<float>(), m.width + 1, m.height, 1));
-  EXPECT_EQ(api().output(session_.get(), m.output, nullptr, nullptr, nullptr, nullptr), nullptr);
-  EXPECT_EQ(api().output(session_.get(), inner, nullptr, nullptr, nullptr, nullptr), nullptr);
-}
-
-TEST_P(Outputs, SubtractsTheChannelMeansItWasGiven) {
-  const Model& m = GetParam();
-  ASSERT_TRUE(open_model(session_.get(), m, OpenPath::kDirect, scratch_, {m.output}));
   const float means[] = {10.5f, -3.0f, 100.0f};
-  ASSERT_TRUE(api().set_means(session_.get(), means, 3));
-  cv::Mat image = random_image(m, 3, 3), shifted;
-  cv::subtract(image, cv::Scalar(means[0], means[1], means[2]), shifted);
-  ASSERT_TRUE(api().execute(session_.get(), image.ptr<float>(), m.width, m.height, 1));
-  EXPECT_EQ(read_output(session_.get(), m.output), values(reference_output(m, shifted, m.output)));
+  ASSERT_TRUE(TARN(setChannelMeans)(s.get(), means, 3));
+  ASSERT_TRUE(TARN(execute)(s.get(), image.ptr<float>(), m.width, m.height, 1));
+  const cv::Mat shifted = image - cv::Scalar(means[0], means[1], means[2]);
+  EXPECT_EQ(output(s.get(), m.output), opencv(m, shifted, m.output));
+  // A failed run drops every output.
+  EXPECT_FALSE(TARN(execute)(s.get(), image.ptr<float>(), m.width + 1, m.height, 1));
+  EXPECT_TRUE(output(s.get(), m.output).empty() && output(s.get(), m.inner).empty());
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryModel, Outputs, testing::ValuesIn(kModels),
-                         [](const auto& info) { return std::string(info.param.label); });
+INSTANTIATE_TEST_SUITE_P(Each, OpenAndRun,
+                         testing::Combine(testing::Values(kOnnx, kNhwc, kCaffe),
+                                          testing::Values(kPlain, kDirect, kOptions)));
 
-struct PlainCase {
-  const char* label;
-  std::vector<std::pair<int, std::string>> installed;  // (index in kModels, stem under base)
-  int width;                                           // of the model opened; 0: none
-};
+std::vector<float> g_input(64 * 48 * 4);  // fits tiny.onnx in either format
+bool no_direct(void* s, const std::string& path, int unit = 0, int precision = 0,
+               const char* out = "Identity") {
+  return !TARN(openDLModel_direct)(s, path.c_str(), &out, 1, unit, precision);
+}
+bool run(void* s, int width = 64, int height = 48, int format = 1, float* in = g_input.data()) {
+  return TARN(execute)(s, in, width, height, format);
+}
+bool no_output(void* s, const char* layer) {
+  int d = 0;
+  return TARN(getLayerOutput)(s, layer, &d, &d, &d, &d) == nullptr &&
+         TARN(getLayerOutputAndFormat)(s, layer, &d, &d, &d, &d, &d) == nullptr;
+}
 
-void PrintTo(const PlainCase& c, std::ostream* os) { *os << c.label; }
-
-class PlainOpen : public testing::TestWithParam<PlainCase> {};
-
-// The base is given without its trailing "/", which the library adds.
-TEST_P(PlainOpen, FindsTheModuleModelByTheDocumentedRule) {
-  ScratchDir scratch;
-  for (const auto& [model, stem] : GetParam().installed) scratch.install(kModels[model], stem);
+// Each call answers failure and logs why (an error under the library's tag holding the
+// reason). A failed open leaves the session closed; the session stays usable throughout.
+TEST(Failures, AnswerFalseAndSayWhy) {
+  ad_test::TempDir d;
   Session session = new_session();
-  const bool opened = api().open(session.get(), scratch.path.c_str(), "artifact_Detector", nullptr,
-                                 0, kCpu, kFloat32);
-  ASSERT_EQ(opened, GetParam().width != 0);
-  int width = 0, height = 0;
-  if (opened) {
-    ASSERT_TRUE(api().input_dimens(session.get(), &width, &height));
-  }
-  EXPECT_EQ(width, GetParam().width);
-}
-
-constexpr int kOnnx = 0, kNhwc = 1, kCaffe = 2;
-INSTANTIATE_TEST_SUITE_P(
-    Layouts, PlainOpen,
-    testing::Values(PlainCase{"ModuleCase", {{kOnnx, "artifact_Detector/artifact_Detector"}}, 64},
-                    PlainCase{"LowerCase", {{kOnnx, "artifact_detector/artifact_detector"}}, 64},
-                    PlainCase{"Caffe", {{kCaffe, "artifact_detector/artifact_detector"}}, 40},
-                    PlainCase{"OnnxBeforeCaffe",
-                              {{kCaffe, "artifact_detector/artifact_detector"},
-                               {kNhwc, "artifact_detector/artifact_detector"}},
-                              56},
-                    PlainCase{"OnlyModelFile", {{kCaffe, "artifact_detector/net"}}, 40},
-                    PlainCase{"NamedAfterDirectory",
-                              {{kOnnx, "artifact_detector/net"},
-                               {kNhwc, "artifact_detector/artifact_detector"}},
-                              56},
-                    PlainCase{"TwoUnnamed",
-                              {{kOnnx, "artifact_detector/a"}, {kNhwc, "artifact_detector/b"}},
-                              0},
-                    PlainCase{"OtherModule", {{kOnnx, "other/other"}}, 0}),
-    [](const auto& info) { return std::string(info.param.label); });
-
-// Each call must answer failure, log why (an error under the library's tag holding
-// `reason`), and leave the session usable.
-struct Failure {
-  std::string label;
-  std::string reason;
-  std::function<bool(void* session, const ScratchDir& scratch)> fails;
-};
-
-const std::vector<const char*> kIdentity = {"Identity"};
-
-bool direct_fails(void* s, const std::string& path, int unit = kCpu, int precision = kFloat32,
-                  std::vector<const char*> outputs = kIdentity) {
-  return !api().open_direct(s, path.c_str(), outputs.data(), outputs.size(), unit, precision);
-}
-
-bool options_fail(void* s, int type, int unit, int precision) {
-  ZEPHInterface options;
-  options.model_type = static_cast<ZEPHModelType>(type);
-  options.compute_unit = unit;
-  options.precision = precision;
-  options.output_layer_names = {"Identity"};
-  return !api().open_options(s, model_path("tiny.onnx").c_str(), options);
-}
-
-bool open_tiny(void* s) { return !direct_fails(s, model_path("tiny.onnx")); }
-
-std::string file_head(const std::string& path, size_t size) {
-  std::ifstream in(path, std::ios::binary);
-  std::string bytes(size, '\0');
-  in.read(bytes.data(), static_cast<std::streamsize>(size));
-  return bytes;
-}
-
-std::vector<Failure> failures() {
-  std::vector<Failure> rows = {
-      {"MissingFile", "cannot read model file",
-       [](void* s, auto&) { return direct_fails(s, model_path("none.onnx")); }},
-      {"GarbageOnnx", "not an ONNX model",
-       [](void* s, auto& d) { return direct_fails(s, d.write("g.onnx", "name: \"x\"\n")); }},
-      {"TruncatedOnnx", "not an ONNX model",
-       [](void* s, auto& d) {
-         return direct_fails(s, d.write("t.onnx", file_head(model_path("tiny.onnx"), 600)));
-       }},
-      {"GarbageCaffemodel", "OpenCV error",
-       [](void* s, auto& d) {
-         d.copy(model_path("tiny.prototxt"), "g.prototxt");
-         return direct_fails(s, d.write("g.caffemodel", "\x0a\xff\x01garbage"), kCpu, kFloat32,
-                             {"prob"});
-       }},
-      {"CaffemodelWithoutPrototxt", "cannot read network description",
-       [](void* s, auto& d) {
-         return direct_fails(s, d.copy(model_path("tiny.caffemodel"), "c.caffemodel"));
-       }},
-      {"UnknownExtension", "neither .onnx nor .caffemodel",
-       [](void* s, auto& d) { return direct_fails(s, d.write("m.tflite", "x")); }},
-      {"UnknownOutputLayer", "has no output layer nope",
-       [](void* s, auto&) {
-         return direct_fails(s, model_path("tiny.onnx"), kCpu, kFloat32, {"nope"});
-       }},
-      {"FailedReopenClosesTheModel", "getInputDimens: no model open",
-       [](void* s, auto&) {
-         int w, h;
-         return open_tiny(s) && direct_fails(s, model_path("none.onnx")) &&
-                !api().input_dimens(s, &w, &h);
-       }},
-      {"ExecuteBeforeOpen", "execute: no model open",
-       [](void* s, auto&) {
-         std::vector<float> input(64 * 48 * 3);
-         return !api().execute(s, input.data(), 64, 48, 1);
-       }},
-      {"ExecuteWithWidthAndHeightSwapped", "48 x 64 x 3 does not fit the network's 64 x 48 x 3",
-       [](void* s, auto&) {
-         std::vector<float> input(64 * 48 * 3);
-         return open_tiny(s) && !api().execute(s, input.data(), 48, 64, 1);
-       }},
-      {"ExecuteUnknownFormat", "unknown input format",
-       [](void* s, auto&) {
-         std::vector<float> input(64 * 48 * 4);
-         return open_tiny(s) && !api().execute(s, input.data(), 64, 48, 3);
-       }},
-      {"ExecuteNullInput", "null input",
-       [](void* s, auto&) { return open_tiny(s) && !api().execute(s, nullptr, 64, 48, 1); }},
-      {"LayerBeforeRun", "no successful run to read Identity",
-       [](void* s, auto&) {
-         return open_tiny(s) && !api().output(s, "Identity", nullptr, nullptr, nullptr, nullptr);
-       }},
-      {"UnknownLayerAfterRun", "relu is not an output layer",
-       [](void* s, auto&) {
-         std::vector<float> input(64 * 48 * 3);
-         return open_tiny(s) && api().execute(s, input.data(), 64, 48, 1) &&
-                !api().output(s, "relu", nullptr, nullptr, nullptr, nullptr);
-       }},
-      {"InputDimensBeforeOpen", "getInputDimens: no model open",
-       [](void* s, auto&) {
-         int w, h;
-         return !api().input_dimens(s, &w, &h);
-       }},
-      {"FiveChannelMeans", "5 means rejected",
-       [](void* s, auto&) {
-         const float m[5] = {};
-         return !api().set_means(s, m, 5);
-       }},
+  void* s = session.get();
+  ad_test::LogCapture capture;
+  const auto refused = [&](bool failed, const std::string& reason) {
+    bool logged = false;
+    for (const ad_test::LogLine& l : capture.lines()) {
+      logged |= l.tag == "Tarnlink" && l.priority == ANDROID_LOG_ERROR &&
+                l.text.find(reason) != std::string::npos;
+    }
+    EXPECT_TRUE(failed && logged) << reason << testing::PrintToString(capture.lines());
+    capture.clear();
   };
-  for (int type : {ZEPH_DLC, ZEPH_ORLA, ZEPH_ZEPHLITE, ZEPH_KTV, ZEPH_MODEL_TYPE_UNSET}) {
-    rows.push_back({"ModelType" + std::to_string(type),
-                    "model type " + std::to_string(type) + " not served",
-                    [type](void* s, auto&) { return options_fail(s, type, kCpu, kFloat32); }});
+  int n = 0;
+  const char* outs[] = {"Identity"};
+  refused(!TARN(getInputDimens)(s, &n, &n) && !run(s), "execute: no model open");
+  refused(no_direct(s, kModels + "none.onnx"), "cannot read model file");
+  refused(no_direct(s, d.write_file("g.onnx", "name: 'x'")), "not an ONNX model");
+  d.write_file("g.prototxt", "input: 'data' input_shape { dim: 1 dim: 3 dim: 8 dim: 8 }");
+  refused(no_direct(s, d.write_file("g.caffemodel", "\x0a\xff"), 0, 0, "data"), "OpenCV error");
+  refused(no_direct(s, d.write_file("c.caffemodel", "x")), "cannot read network description");
+  refused(no_direct(s, d.write_file("m.tflite", "x")), ".tflite is neither");
+  refused(!TARN(openDLModel)(s, d.path().c_str(), "Module", outs, 1, 0, 0), "no directory");
+  refused(no_direct(s, kTiny, 0, 0, "nope"), "has no output layer nope");
+  refused(!no_direct(s, kTiny) && no_direct(s, kModels + "none.onnx") &&
+              !TARN(getInputDimens)(s, &n, &n), "getInputDimens: no model open");
+  refused(!no_direct(s, kTiny) && !run(s, 64, 48, 3) && !run(s, 64, 48, 1, nullptr) &&
+              !run(s, 48, 64), "48 x 64 x 3 does not fit the network's 64 x 48 x 3");
+  refused(run(s) && no_output(s, "relu"), "relu is not an output layer");
+  refused(!TARN(setChannelMeans)(s, g_input.data(), 5), "5 means rejected");
+  for (int t : {ZEPH_DLC, ZEPH_ORLA, ZEPH_ZEPHLITE, ZEPH_KTV, ZEPH_MODEL_TYPE_UNSET}) {
+    refused(!open_options(s, kTiny, t, 0, 0), "model type " + std::to_string(t) + " not served");
   }
-  for (int unit : {1, 2, 3, 4}) {
-    rows.push_back({"ComputeUnit" + std::to_string(unit),
-                    "compute unit " + std::to_string(unit) + " not served", [unit](void* s, auto&) {
-                      return direct_fails(s, model_path("tiny.onnx"), unit) &&
-                             options_fail(s, ZEPH_ONNX, unit, kFloat16);
-                    }});
+  for (int unit : {1, 2, 3, 4}) {  // through the direct and the options-based open
+    refused(no_direct(s, kTiny, unit) && !open_options(s, kTiny, ZEPH_ONNX, unit, 0),
+            "compute unit " + std::to_string(unit) + " not served");
   }
   for (int precision : {2, 3, 5}) {
-    rows.push_back({"Precision" + std::to_string(precision),
-                    "precision " + std::to_string(precision) + " not served",
-                    [precision](void* s, auto&) {
-                      return direct_fails(s, model_path("tiny.onnx"), kCpu, precision) &&
-                             options_fail(s, ZEPH_ONNX, kCpu, precision);
-                    }});
+    refused(no_direct(s, kTiny, 0, precision) && !open_options(s, kTiny, ZEPH_ONNX, 0, precision),
+            "precision " + std::to_string(precision) + " not served");
   }
-  return rows;
-}
-
-void PrintTo(const Failure& f, std::ostream* os) { *os << f.label; }
-
-class Failures : public testing::TestWithParam<Failure> {};
-
-TEST_P(Failures, AnswerFalseAndSayWhy) {
-  ScratchDir scratch;
-  Session session = new_session();
-  ASSERT_NE(session.get(), nullptr);
-  {
-    ad_test::LogCapture capture;
-    EXPECT_TRUE(GetParam().fails(session.get(), scratch));
-    bool logged = false;
-    for (const ad_test::LogLine& line : capture.lines()) {
-      logged |= line.tag == "Tarnlink" && line.priority == ANDROID_LOG_ERROR &&
-                line.text.find(GetParam().reason) != std::string::npos;
-    }
-    EXPECT_TRUE(logged) << testing::PrintToString(capture.lines());
-  }
-  EXPECT_TRUE(open_tiny(session.get()));
-}
-
-INSTANTIATE_TEST_SUITE_P(Table, Failures, testing::ValuesIn(failures()),
-                         [](const auto& info) { return info.param.label; });
-
-TEST(NullSession, EveryOperationAnswersFailure) {
-  int w, h, c, d;
-  float value = 0;
-  const char* outputs[] = {"Identity"};
-  api().destroy(nullptr);
-  EXPECT_FALSE(api().open(nullptr, TARNLINK_MODELS, "m", outputs, 1, kCpu, kFloat32));
-  EXPECT_FALSE(
-      api().open_direct(nullptr, model_path("tiny.onnx").c_str(), outputs, 1, kCpu, kFloat32));
-  EXPECT_FALSE(api().open_direct_latency(nullptr, model_path("tiny.onnx").c_str(), outputs, 1, kCpu,
-                                         kFloat32));
-  EXPECT_FALSE(api().open_options(nullptr, model_path("tiny.onnx").c_str(), ZEPHInterface{}));
-  EXPECT_FALSE(api().input_dimens(nullptr, &w, &h));
-  EXPECT_FALSE(api().input_channels(nullptr, &c));
-  EXPECT_FALSE(api().execute(nullptr, &value, 1, 1, 1));
-  EXPECT_FALSE(api().set_means(nullptr, &value, 1));
-  EXPECT_EQ(api().output(nullptr, "Identity", &d, &d, &d, &d), nullptr);
-  EXPECT_EQ(api().output_and_format(nullptr, "Identity", &d, &d, &d, &d, &d), nullptr);
+  // A null session everywhere; destroying it is accepted.
+  TARN(destroy)(nullptr);
+  refused(no_direct(nullptr, kTiny) && !open_options(nullptr, kTiny, ZEPH_ONNX, 0, 0) &&
+              !TARN(openDLModel)(nullptr, TARNLINK_MODELS, "m", outs, 1, 0, 0) &&
+              !TARN(openDLModel_direct_latency)(nullptr, kTiny.c_str(), outs, 1, 0, 0) &&
+              !TARN(getInputDimens)(nullptr, &n, &n) && !TARN(getInputChannels)(nullptr, &n) &&
+              !run(nullptr) && !TARN(setChannelMeans)(nullptr, g_input.data(), 1) &&
+              no_output(nullptr, "Identity"), "getInputChannels: null session");
 }
 
 }  // namespace
