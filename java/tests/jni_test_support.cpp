@@ -1,13 +1,11 @@
-// Native side of tessaroven.pkd.artifactdetector.TestSupport: lets the JVM tests capture the
-// library's log lines, script the fake inference library and look at the exported globals.
-// Linked against the detector library and the fake, so both are the very instances the
-// managed class uses.
+// Native side of tessaroven.pkd.artifactdetector.TestSupport, linked against the detector
+// library and the fake so that both are the very instances the managed class uses.
 #include <android/log.h>
 #include <jni.h>
 
 #include <cmath>
-#include <cstddef>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,17 +15,20 @@
 namespace {
 
 std::mutex g_mutex;
-std::vector<std::string> g_lines;
+std::vector<std::string> g_messages;
 
-// One line as "<tag>\t<priority>\t<text>".
+// Keeps the text of the bindings' LogMessage lines at info priority, header and line feed cut
+// and a timing line's milliseconds replaced by "N".
 void capture(const __android_logger_data* data, const char* message) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_lines.push_back(std::string(data->tag ? data->tag : "") + "\t" +
-                    std::to_string(data->priority) + "\t" + (message ? message : ""));
+  static const std::regex line(R"(\[\d\d:\d\d:\d\d\] artifact_detector_jni\.cpp:\d+: ([^\n]*)\n)");
+  static const std::regex milliseconds(R"(^(TQ Debug: Time taken for [^:]+: )\d+ ms$)");
+  std::cmatch match;
+  if (data->priority == ANDROID_LOG_INFO && data->tag != nullptr && message != nullptr &&
+      std::string(data->tag) == "TQR_ARTIFACT_DET" && std::regex_match(message, match, line)) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_messages.push_back(std::regex_replace(match[1].str(), milliseconds, "$1N ms"));
+  }
 }
-
-constexpr const char* kOutputLayer = "Identity";  // cpu models
-constexpr int kLogitCount = 12;                   // position 0, then artifact ids 1 to 11
 
 }  // namespace
 
@@ -36,50 +37,43 @@ extern "C" {
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_captureLog(JNIEnv*,
                                                                                    jclass) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_lines.clear();
+  g_messages.clear();
   __android_log_set_logger(capture);
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
 }
 
 JNIEXPORT jobjectArray JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_takeLog(JNIEnv* env,
                                                                                         jclass) {
-  std::vector<std::string> lines;
-  {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    lines.swap(g_lines);
-  }
-  jobjectArray out = env->NewObjectArray(static_cast<jsize>(lines.size()),
+  std::lock_guard<std::mutex> lock(g_mutex);
+  jobjectArray out = env->NewObjectArray(static_cast<jsize>(g_messages.size()),
                                          env->FindClass("java/lang/String"), nullptr);
-  for (size_t i = 0; i < lines.size(); ++i) {
-    jstring text = env->NewStringUTF(lines[i].c_str());
+  for (size_t i = 0; i < g_messages.size(); ++i) {
+    jstring text = env->NewStringUTF(g_messages[i].c_str());
     env->SetObjectArrayElement(out, static_cast<jsize>(i), text);
     env->DeleteLocalRef(text);
   }
+  g_messages.clear();
   return out;
 }
 
-// Resets the fake and makes every run report `logits` (indexed by artifact id; id 0 unused;
-// missing ids get -infinity) for a network of the given input size.
+// Resets the fake and makes every run of a network with a 32 x 32 input report logit +inf
+// (probability 1) for the ids in `found`, 0 (probability 0.5) for Noise (9), else -inf.
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_scriptNetwork(
-    JNIEnv* env, jclass, jint width, jint height, jfloatArray logits) {
-  std::vector<float> values(kLogitCount, -INFINITY);
-  const jsize n = env->GetArrayLength(logits);
-  env->GetFloatArrayRegion(logits, 0, n < kLogitCount ? n : kLogitCount, values.data());
+    JNIEnv* env, jclass, jintArray found) {
+  std::vector<float> logits(12, -INFINITY);  // position 0, then artifact ids 1 to 11
+  std::vector<jint> ids(static_cast<size_t>(env->GetArrayLength(found)));
+  env->GetIntArrayRegion(found, 0, static_cast<jsize>(ids.size()), ids.data());
+  for (jint id : ids) logits[static_cast<size_t>(id)] = id == 9 ? 0.0f : INFINITY;
   fake_tarn_reset();
-  fake_tarn_set_input_size(width, height);
-  fake_tarn_set_layer_output(kOutputLayer, values.data(), values.size(), 1, kLogitCount, 1, 1, 0);
+  fake_tarn_set_input_size(32, 32);
+  fake_tarn_set_layer_output("Identity", logits.data(), logits.size(), 1, 12, 1, 1, 0);
 }
 
-JNIEXPORT jboolean JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_jvmIsThisVm(JNIEnv* env,
-                                                                                        jclass) {
+JNIEXPORT jboolean JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_globalsAre(
+    JNIEnv* env, jclass, jobject object) {
   JavaVM* vm = nullptr;
   env->GetJavaVM(&vm);
-  return vm != nullptr && vm == jvm ? JNI_TRUE : JNI_FALSE;
-}
-
-JNIEXPORT jboolean JNICALL
-Java_tessaroven_pkd_artifactdetector_TestSupport_mainObjectIs(JNIEnv* env, jclass, jobject object) {
-  return main_obj != nullptr && env->IsSameObject(main_obj, object) ? JNI_TRUE : JNI_FALSE;
+  return vm == jvm && main_obj != nullptr && env->IsSameObject(main_obj, object) ? JNI_TRUE
+                                                                                 : JNI_FALSE;
 }
 
 }  // extern "C"

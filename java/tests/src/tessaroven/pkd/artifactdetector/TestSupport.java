@@ -9,18 +9,15 @@ final class TestSupport {
     System.load(System.getProperty("ad.test.support.library"));
   }
 
-  /** From now on every log line (verbose included) is kept, and earlier ones dropped. */
+  /** From now on the bindings' info messages are kept (header cut), earlier ones dropped. */
   static native void captureLog();
 
-  /** The lines kept since the last call, each "tag TAB priority TAB text". */
+  /** The messages kept since the last call. */
   static native String[] takeLog();
 
-  /** Fresh fake network of the given input size whose output is logits[id] for each id. */
-  static native void scriptNetwork(int width, int height, float[] logits);
+  /** A fresh fake network that finds exactly the artifact ids given (Noise at 0.5, others 1). */
+  static native void scriptNetwork(int... found);
 
-  /** Whether the library's exported "jvm" is this VM. */
-  static native boolean jvmIsThisVm();
-
-  /** Whether the library's exported "main_obj" refers to {@code object}. */
-  static native boolean mainObjectIs(Object object);
+  /** Whether the library's exported "jvm" is this VM and its "main_obj" refers to {@code o}. */
+  static native boolean globalsAre(Object o);
 }
