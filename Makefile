@@ -41,6 +41,14 @@ fuzz: deps
 	cmake --build --preset fuzz
 	AD_FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) AD_FUZZ_KEEP_CORPUS=1 ctest --preset fuzz
 
+# Benchmarks against libyuv, OpenCV and memcpy on the optimised build: prints the tables and
+# writes them into docs/performance.md. Never part of `make test`.
+.PHONY: bench
+bench: deps
+	cmake --preset default
+	cmake --build --preset default --target ad_bench
+	./build/bin/ad_bench --report docs/performance.md
+
 install: build
 	cmake --install build --prefix $(or $(PREFIX),/usr/local)
 
