@@ -1,5 +1,5 @@
 # Two commands for a newcomer: `make demo` and `make test`. Both install what they need.
-.PHONY: deps build demo test test-default test-asan test-tsan test-fuzz fuzz install clean
+.PHONY: deps build demo test test-default test-asan test-tsan test-fuzz fuzz soak install clean
 
 deps:
 	bash scripts/install-deps
@@ -40,6 +40,11 @@ fuzz: deps
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	AD_FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) AD_FUZZ_KEEP_CORPUS=1 ctest --preset fuzz
+
+# One detector through 10,000 frames of mixed formats, sizes and rotations, then 1,000
+# create / initialize / destroy cycles, on the optimised build; see docs/reliability.md.
+soak: build
+	AD_SOAK_FRAMES=10000 AD_SOAK_CYCLES=1000 ./build/bin/artifact_detector_impl_soak_test
 
 # Benchmarks against libyuv, OpenCV and memcpy on the optimised build: prints the tables and
 # writes them into docs/performance.md. Never part of `make test`.
