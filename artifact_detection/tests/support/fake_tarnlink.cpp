@@ -2,10 +2,10 @@
 // FAKE_TARN_OMIT_<OPERATION> definitions so that the detector meets a library without them.
 #include "support/fake_tarnlink.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <stdexcept>
 
 #define FAKE_TARN_EXPORT extern "C" __attribute__((visibility("default")))
@@ -19,37 +19,38 @@ struct LayerOutput {
 };
 
 struct State {
-  std::mutex mutex;
   int width = 224;
   int height = 224;
   std::map<std::string, LayerOutput> outputs;
   FakeTarnFailure failures[FAKE_TARN_OP_COUNT] = {};
-  std::vector<std::unique_ptr<FakeTarnCall>> calls;
+  std::vector<std::unique_ptr<FakeTarnCall>> calls;  // stable addresses for fake_tarn_call_at
   std::vector<float> last_input;
-  std::set<InferenceSession> live_sessions;
   int sessions_created = 0;
   int sessions_destroyed = 0;
 };
 
-State& state() {
-  static State s;
-  return s;
+struct Guarded {
+  std::mutex mutex;
+  State state;
+} guarded;
+
+// Runs `f` on the state under its lock.
+template <typename F>
+auto locked(F f) {
+  std::lock_guard<std::mutex> lock(guarded.mutex);
+  return f(guarded.state);
 }
 
-// Records the call and reports how the operation is scripted to behave; throws for the
+// Records the call and tells how the operation is scripted to behave; throws for the
 // throwing failures.
-FakeTarnFailure record(FakeTarnCall call) {
-  State& s = state();
-  const FakeTarnOp op = call.op;
-  FakeTarnFailure failure;
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
+bool record(FakeTarnCall call) {
+  const FakeTarnFailure failure = locked([&](State& s) {
     s.calls.push_back(std::make_unique<FakeTarnCall>(std::move(call)));
-    failure = s.failures[op];
-  }
+    return s.failures[s.calls.back()->op];
+  });
   if (failure == FAKE_TARN_THROW) throw std::runtime_error(kFakeTarnExceptionText);
   if (failure == FAKE_TARN_THROW_NON_STD) throw 42;
-  return failure;
+  return failure == FAKE_TARN_SUCCEED;
 }
 
 FakeTarnCall make_call(FakeTarnOp op, InferenceSession session) {
@@ -59,42 +60,16 @@ FakeTarnCall make_call(FakeTarnOp op, InferenceSession session) {
   return call;
 }
 
-std::vector<std::string> names_of(const char** names, size_t count) {
-  std::vector<std::string> out;
-  for (size_t i = 0; i < count; ++i) out.emplace_back(names[i] ? names[i] : "<null>");
-  return out;
-}
-
 [[maybe_unused]] bool record_open(FakeTarnOp op, InferenceSession session, const char* path,
                                   const char* module, const char** names, size_t count,
                                   int compute_unit, int precision) {
   FakeTarnCall call = make_call(op, session);
-  call.path = path ? path : "<null>";
+  call.path = path;
   if (module) call.module = module;
-  call.layer_names = names_of(names, count);
+  call.layer_names.assign(names, names + count);
   call.compute_unit = compute_unit;
   call.precision = precision;
-  return record(std::move(call)) == FAKE_TARN_SUCCEED;
-}
-
-[[maybe_unused]] float* layer_output(FakeTarnOp op, InferenceSession session,
-                                     const char* layer_name, int* d0, int* d1, int* d2, int* d3,
-                                     int* format) {
-  FakeTarnCall call = make_call(op, session);
-  call.layer_name = layer_name ? layer_name : "<null>";
-  const bool ok = record(std::move(call)) == FAKE_TARN_SUCCEED;
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  auto it = s.outputs.find(layer_name ? layer_name : "");
-  if (it == s.outputs.end()) return nullptr;
-  LayerOutput& out = it->second;
-  // Dimensions are reported even when the output is scripted to be missing.
-  *d0 = out.dims[0];
-  *d1 = out.dims[1];
-  *d2 = out.dims[2];
-  *d3 = out.dims[3];
-  if (format) *format = out.format;
-  return ok ? out.values.data() : nullptr;
+  return record(std::move(call));
 }
 
 }  // namespace
@@ -103,82 +78,68 @@ std::vector<std::string> names_of(const char** names, size_t count) {
 
 #ifndef FAKE_TARN_OMIT_CREATE
 FAKE_TARN_EXPORT InferenceSession TarnWrapper_create(void) {
-  if (record(make_call(FAKE_TARN_CREATE, nullptr)) != FAKE_TARN_SUCCEED) return nullptr;
-  InferenceSession session = new int(0);
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.live_sessions.insert(session);
-  ++s.sessions_created;
-  return session;
+  if (!record(make_call(FAKE_TARN_CREATE, nullptr))) return nullptr;
+  // Sessions are opaque tokens, never dereferenced: the n-th since the process started.
+  static uintptr_t made = 0;
+  return locked([](State& s) {
+    ++s.sessions_created;
+    return reinterpret_cast<InferenceSession>(++made);
+  });
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_OPEN
-FAKE_TARN_EXPORT bool TarnWrapper_openDLModel(InferenceSession session, const char* models_base_dir,
-                                              const char* module, const char** output_layer_names,
-                                              size_t output_layer_count, int compute_unit,
-                                              int precision) {
-  return record_open(FAKE_TARN_OPEN, session, models_base_dir, module, output_layer_names,
-                     output_layer_count, compute_unit, precision);
+FAKE_TARN_EXPORT bool TarnWrapper_openDLModel(InferenceSession session, const char* base_dir,
+                                              const char* module, const char** layers, size_t count,
+                                              int compute_unit, int precision) {
+  return record_open(FAKE_TARN_OPEN, session, base_dir, module, layers, count, compute_unit,
+                     precision);
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_OPEN_DIRECT
-FAKE_TARN_EXPORT bool TarnWrapper_openDLModel_direct(InferenceSession session,
-                                                     const char* model_path,
-                                                     const char** output_layer_names,
-                                                     size_t output_layer_count, int compute_unit,
-                                                     int precision) {
-  return record_open(FAKE_TARN_OPEN_DIRECT, session, model_path, nullptr, output_layer_names,
-                     output_layer_count, compute_unit, precision);
+FAKE_TARN_EXPORT bool TarnWrapper_openDLModel_direct(InferenceSession session, const char* path,
+                                                     const char** layers, size_t count,
+                                                     int compute_unit, int precision) {
+  return record_open(FAKE_TARN_OPEN_DIRECT, session, path, nullptr, layers, count, compute_unit,
+                     precision);
 }
 #endif
 
-#ifndef FAKE_TARN_OMIT_OPEN_DIRECT_LATENCY
-FAKE_TARN_EXPORT bool TarnWrapper_openDLModel_direct_latency(InferenceSession session,
-                                                             const char* model_path,
-                                                             const char** output_layer_names,
-                                                             size_t output_layer_count,
-                                                             int compute_unit, int precision) {
-  return record_open(FAKE_TARN_OPEN_DIRECT_LATENCY, session, model_path, nullptr,
-                     output_layer_names, output_layer_count, compute_unit, precision);
+#ifndef FAKE_TARN_OMIT_OPEN_DIRECT_LATENCY  // never called by the detector, like the three below
+FAKE_TARN_EXPORT bool TarnWrapper_openDLModel_direct_latency(InferenceSession session, const char*,
+                                                             const char**, size_t, int, int) {
+  return record(make_call(FAKE_TARN_OPEN_DIRECT_LATENCY, session));
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_OPEN_ZEPH_OPTIONS
 FAKE_TARN_EXPORT bool TarnWrapper_openDLModel_zephOptions(InferenceSession session,
-                                                          const char* model_path,
-                                                          ZEPHInterface options) {
+                                                          const char* path, ZEPHInterface options) {
   FakeTarnCall call = make_call(FAKE_TARN_OPEN_ZEPH_OPTIONS, session);
-  call.path = model_path ? model_path : "<null>";
+  call.path = path;
   call.compute_unit = options.compute_unit;
   call.precision = options.precision;
   call.layer_names = options.output_layer_names;
   call.module = options.module;
   call.options = std::move(options);
-  return record(std::move(call)) == FAKE_TARN_SUCCEED;
+  return record(std::move(call));
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_GET_INPUT_DIMENS
 FAKE_TARN_EXPORT bool TarnWrapper_getInputDimens(InferenceSession session, int* width,
                                                  int* height) {
-  if (record(make_call(FAKE_TARN_GET_INPUT_DIMENS, session)) != FAKE_TARN_SUCCEED) return false;
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  *width = s.width;
-  *height = s.height;
+  if (!record(make_call(FAKE_TARN_GET_INPUT_DIMENS, session))) return false;
+  locked([&](State& s) { *width = s.width, *height = s.height; });
   return true;
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_GET_INPUT_CHANNELS
-FAKE_TARN_EXPORT bool TarnWrapper_getInputChannels(InferenceSession session, int* channels) {
-  if (record(make_call(FAKE_TARN_GET_INPUT_CHANNELS, session)) != FAKE_TARN_SUCCEED) {
-    return false;
-  }
-  *channels = 3;
-  return true;
+FAKE_TARN_EXPORT bool TarnWrapper_getInputChannels(InferenceSession session, int*) {
+  record(make_call(FAKE_TARN_GET_INPUT_CHANNELS, session));
+  return false;
 }
 #endif
 
@@ -189,117 +150,95 @@ FAKE_TARN_EXPORT bool TarnWrapper_execute(InferenceSession session, float* input
   call.width = width;
   call.height = height;
   call.format = format;
-  const bool ok = record(std::move(call)) == FAKE_TARN_SUCCEED;
-  const int channels = format == TARN_INPUT_4_CHANNELS ? 4 : 3;
-  const size_t count = width > 0 && height > 0 ? static_cast<size_t>(width) * height * channels : 0;
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.last_input.assign(input, input + (input ? count : 0));
+  const bool ok = record(std::move(call));
+  const size_t channels = format == TARN_INPUT_4_CHANNELS ? 4 : 3;
+  const size_t count = input && width > 0 && height > 0 ? size_t(width) * height * channels : 0;
+  locked([&](State& s) { s.last_input.assign(input, input + count); });
   return ok;
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_GET_LAYER_OUTPUT
-FAKE_TARN_EXPORT float* TarnWrapper_getLayerOutput(InferenceSession session, const char* layer_name,
-                                                   int* d0, int* d1, int* d2, int* d3) {
-  return layer_output(FAKE_TARN_GET_LAYER_OUTPUT, session, layer_name, d0, d1, d2, d3, nullptr);
+FAKE_TARN_EXPORT float* TarnWrapper_getLayerOutput(InferenceSession session, const char*, int*,
+                                                   int*, int*, int*) {
+  record(make_call(FAKE_TARN_GET_LAYER_OUTPUT, session));
+  return nullptr;
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_GET_LAYER_OUTPUT_AND_FORMAT
 FAKE_TARN_EXPORT float* TarnWrapper_getLayerOutputAndFormat(InferenceSession session,
-                                                            const char* layer_name, int* d0,
-                                                            int* d1, int* d2, int* d3,
-                                                            int* format) {
-  return layer_output(FAKE_TARN_GET_LAYER_OUTPUT_AND_FORMAT, session, layer_name, d0, d1, d2, d3,
-                      format);
+                                                            const char* layer, int* d0, int* d1,
+                                                            int* d2, int* d3, int* format) {
+  FakeTarnCall call = make_call(FAKE_TARN_GET_LAYER_OUTPUT_AND_FORMAT, session);
+  call.layer_name = layer;
+  const bool ok = record(std::move(call));
+  return locked([&](State& s) -> float* {
+    auto it = s.outputs.find(layer);
+    if (it == s.outputs.end()) return nullptr;
+    // Dimensions are reported even when the output is scripted to be missing.
+    LayerOutput& out = it->second;
+    *d0 = out.dims[0], *d1 = out.dims[1], *d2 = out.dims[2], *d3 = out.dims[3],
+    *format = out.format;
+    return ok ? out.values.data() : nullptr;
+  });
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_DESTROY
 FAKE_TARN_EXPORT void TarnWrapper_destroy(InferenceSession session) {
   record(make_call(FAKE_TARN_DESTROY, session));
-  if (session == nullptr) return;
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  // A session destroyed twice or never made is a caller fault: it is recorded, not freed.
-  if (s.live_sessions.erase(session) == 0) return;
-  delete static_cast<int*>(session);
-  ++s.sessions_destroyed;
+  if (session != nullptr) locked([](State& s) { ++s.sessions_destroyed; });
 }
 #endif
 
 #ifndef FAKE_TARN_OMIT_SET_CHANNEL_MEANS
 FAKE_TARN_EXPORT bool TarnWrapper_setChannelMeans(InferenceSession session, const float*, size_t) {
-  return record(make_call(FAKE_TARN_SET_CHANNEL_MEANS, session)) == FAKE_TARN_SUCCEED;
+  return record(make_call(FAKE_TARN_SET_CHANNEL_MEANS, session));
 }
 #endif
 
 // --- control functions -----------------------------------------------------------------------
 
 FAKE_TARN_EXPORT void fake_tarn_reset(void) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.width = 224;
-  s.height = 224;
-  s.outputs.clear();
-  for (FakeTarnFailure& f : s.failures) f = FAKE_TARN_SUCCEED;
-  s.calls.clear();
-  s.last_input.clear();
-  s.sessions_created = 0;
-  s.sessions_destroyed = 0;
+  locked([](State& s) { s = State(); });
 }
 
 FAKE_TARN_EXPORT void fake_tarn_set_input_size(int width, int height) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.width = width;
-  s.height = height;
+  locked([&](State& s) { s.width = width, s.height = height; });
 }
 
 FAKE_TARN_EXPORT void fake_tarn_set_layer_output(const char* layer, const float* values,
                                                  size_t count, int d0, int d1, int d2, int d3,
                                                  int format) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.outputs[layer] =
-      LayerOutput{std::vector<float>(values, values + count), {d0, d1, d2, d3}, format};
+  locked([&](State& s) {
+    s.outputs[layer] = LayerOutput{{values, values + count}, {d0, d1, d2, d3}, format};
+  });
 }
 
 FAKE_TARN_EXPORT void fake_tarn_set_failure(FakeTarnOp op, FakeTarnFailure failure) {
-  if (op < 0 || op >= FAKE_TARN_OP_COUNT) return;
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.failures[op] = failure;
+  if (op >= 0 && op < FAKE_TARN_OP_COUNT) locked([&](State& s) { s.failures[op] = failure; });
 }
 
 FAKE_TARN_EXPORT size_t fake_tarn_call_count(void) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.calls.size();
+  return locked([](State& s) { return s.calls.size(); });
 }
 
 FAKE_TARN_EXPORT const FakeTarnCall* fake_tarn_call_at(size_t index) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return index < s.calls.size() ? s.calls[index].get() : nullptr;
+  return locked([&](State& s) { return index < s.calls.size() ? s.calls[index].get() : nullptr; });
 }
 
 FAKE_TARN_EXPORT size_t fake_tarn_last_input(const float** values) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  *values = s.last_input.data();
-  return s.last_input.size();
+  return locked([&](State& s) {
+    *values = s.last_input.data();
+    return s.last_input.size();
+  });
 }
 
 FAKE_TARN_EXPORT int fake_tarn_sessions_created(void) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.sessions_created;
+  return locked([](State& s) { return s.sessions_created; });
 }
 
 FAKE_TARN_EXPORT int fake_tarn_sessions_destroyed(void) {
-  State& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  return s.sessions_destroyed;
+  return locked([](State& s) { return s.sessions_destroyed; });
 }

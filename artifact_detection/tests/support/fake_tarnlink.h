@@ -1,17 +1,10 @@
 // Scripted stand-in for the inference library, shared by every test that opens a network.
 //
-// fake_tarnlink.cpp builds into libTarnlink.camera.korvane.so (SONAME too) in a directory of
-// its own, plus variants that leave operations out. Besides the whole operation table of
-// tarnlink_api.h it exports the C control functions below: tests script input size, layer
-// outputs and failures, and read back every call with its arguments.
-//
-// Tests use ad_test::FakeTarnlink, which dlopens a fake by its path. The dynamic linker then
-// hands that same loaded instance to the code under test when it asks for the bare name, so
-// scripting and calls meet in one place. Executables made with ad_add_fake_test() also find
-// the fake through their RUNPATH.
-//
-// The fake reads an execute input of width * height * (3 or 4) floats: a smaller buffer is
-// read past its end, as the real library would.
+// fake_tarnlink.cpp builds into libTarnlink.camera.korvane.so (SONAME too), in a directory per
+// variant; besides the operation table it exports the C control functions below, to script
+// input size, layer outputs and failures and to read back every call. ad_test::FakeTarnlink
+// loads one by path, and the code under test then gets that same instance by the bare name.
+// Execute reads width * height * (3 or 4) floats, past the end of a smaller buffer.
 #pragma once
 
 #include <array>
@@ -23,21 +16,14 @@
 #include "core/model_interface/tarnlink_api.h"
 
 // The operations, for scripting failures and filtering the call record.
+// clang-format off
 enum FakeTarnOp : int {
-  FAKE_TARN_CREATE = 0,
-  FAKE_TARN_OPEN,
-  FAKE_TARN_OPEN_DIRECT,
-  FAKE_TARN_OPEN_DIRECT_LATENCY,
-  FAKE_TARN_OPEN_ZEPH_OPTIONS,
-  FAKE_TARN_GET_INPUT_DIMENS,
-  FAKE_TARN_GET_INPUT_CHANNELS,
-  FAKE_TARN_EXECUTE,
-  FAKE_TARN_GET_LAYER_OUTPUT,
-  FAKE_TARN_GET_LAYER_OUTPUT_AND_FORMAT,
-  FAKE_TARN_DESTROY,
-  FAKE_TARN_SET_CHANNEL_MEANS,
-  FAKE_TARN_OP_COUNT
+  FAKE_TARN_CREATE = 0, FAKE_TARN_OPEN, FAKE_TARN_OPEN_DIRECT, FAKE_TARN_OPEN_DIRECT_LATENCY,
+  FAKE_TARN_OPEN_ZEPH_OPTIONS, FAKE_TARN_GET_INPUT_DIMENS, FAKE_TARN_GET_INPUT_CHANNELS,
+  FAKE_TARN_EXECUTE, FAKE_TARN_GET_LAYER_OUTPUT, FAKE_TARN_GET_LAYER_OUTPUT_AND_FORMAT,
+  FAKE_TARN_DESTROY, FAKE_TARN_SET_CHANNEL_MEANS, FAKE_TARN_OP_COUNT
 };
+// clang-format on
 
 // How a scripted operation misbehaves.
 enum FakeTarnFailure : int {
@@ -55,7 +41,7 @@ struct FakeTarnCall {
   FakeTarnOp op = FAKE_TARN_OP_COUNT;
   InferenceSession session = nullptr;
   std::string path;                      // model path, or models base directory for the plain open
-  std::string module;                    // plain open
+  std::string module;                    // plain and options-based opens
   std::vector<std::string> layer_names;  // output layer names of the opens
   std::string layer_name;                // layer asked for by the output operations
   int compute_unit = -1;
@@ -72,7 +58,7 @@ void fake_tarn_set_input_size(int width, int height);
 // Output of `layer`: `count` values, the four dimensions and the format code reported.
 void fake_tarn_set_layer_output(const char* layer, const float* values, size_t count, int d0,
                                 int d1, int d2, int d3, int format);
-void fake_tarn_set_failure(FakeTarnOp op, FakeTarnFailure failure);
+void fake_tarn_set_failure(FakeTarnOp op, FakeTarnFailure failure);  // FAKE_TARN_OP_COUNT: none
 size_t fake_tarn_call_count(void);
 const FakeTarnCall* fake_tarn_call_at(size_t index);
 // The floats of the last execute; returns their number.
@@ -95,17 +81,13 @@ enum class FakeVariant {
 // Holds one fake loaded (reset on load) and drives it. Not copyable.
 class FakeTarnlink {
  public:
-  // The variant the executable's RUNPATH points at (kFull unless chosen in CMake).
-  FakeTarnlink();
+  FakeTarnlink();  // the variant the executable's RPATH points at
   explicit FakeTarnlink(FakeVariant variant);
   ~FakeTarnlink();
-
   FakeTarnlink(const FakeTarnlink&) = delete;
   FakeTarnlink& operator=(const FakeTarnlink&) = delete;
 
   static std::string path(FakeVariant variant);
-  // The directory of the variant, ending in "/".
-  static std::string directory(FakeVariant variant);
   // True while some handle keeps the library at `path` loaded.
   static bool is_loaded(const std::string& path);
 

@@ -22,43 +22,29 @@ void* open_or_throw(const std::string& name) {
   return handle;
 }
 
-std::string loaded_path(void* handle) {
-  void* symbol = dlsym(handle, "fake_tarn_reset");
-  Dl_info info{};
-  if (symbol == nullptr || dladdr(symbol, &info) == 0 || info.dli_fname == nullptr) {
-    dlclose(handle);
-    throw std::runtime_error("the library found by the bare name is not the fake");
-  }
-  return info.dli_fname;
-}
-
 }  // namespace
 
-std::string FakeTarnlink::directory(FakeVariant variant) {
-  const std::string base = AD_FAKE_TARNLINK_BASE_DIR;
-  switch (variant) {
-    case FakeVariant::kFull: return base + "/";
-    case FakeVariant::kNoZephOptions: return base + "_no_zeph_options/";
-    case FakeVariant::kNoOutputFormat: return base + "_no_output_format/";
-    case FakeVariant::kRequiredOnly: return base + "_required_only/";
-    case FakeVariant::kNoOperations: return base + "_no_operations/";
-  }
-  throw std::invalid_argument("unknown fake variant");
-}
-
 std::string FakeTarnlink::path(FakeVariant variant) {
-  return directory(variant) + kFakeTarnLibraryName;
+  const char* const suffixes[] = {"", "_no_zeph_options", "_no_output_format", "_required_only",
+                                  "_no_operations"};
+  return AD_FAKE_TARNLINK_BASE_DIR + std::string(suffixes[static_cast<int>(variant)]) + "/" +
+         kFakeTarnLibraryName;
 }
 
 bool FakeTarnlink::is_loaded(const std::string& path) {
   void* handle = dlopen(path.c_str(), RTLD_LAZY | RTLD_NOLOAD);
-  if (handle == nullptr) return false;
-  dlclose(handle);
-  return true;
+  if (handle != nullptr) dlclose(handle);
+  return handle != nullptr;
 }
 
 FakeTarnlink::FakeTarnlink() : handle_(open_or_throw(kFakeTarnLibraryName)) {
-  path_ = loaded_path(handle_);
+  Dl_info info{};
+  void* symbol = dlsym(handle_, "fake_tarn_reset");
+  if (symbol == nullptr || dladdr(symbol, &info) == 0 || info.dli_fname == nullptr) {
+    dlclose(handle_);
+    throw std::runtime_error("the library found by the bare name is not the fake");
+  }
+  path_ = info.dli_fname;
   reset();
 }
 
@@ -75,9 +61,7 @@ FakeTarnlink::FakeTarnlink(FakeVariant variant)
   reset();
 }
 
-FakeTarnlink::~FakeTarnlink() {
-  dlclose(handle_);
-}
+FakeTarnlink::~FakeTarnlink() { dlclose(handle_); }
 
 template <typename F>
 F FakeTarnlink::control(const char* name) const {
@@ -86,27 +70,27 @@ F FakeTarnlink::control(const char* name) const {
   return reinterpret_cast<F>(symbol);
 }
 
-void FakeTarnlink::reset() {
-  control<decltype(&fake_tarn_reset)>("fake_tarn_reset")();
-}
+#define FAKE_CONTROL(name) control<decltype(&name)>(#name)
+
+void FakeTarnlink::reset() { FAKE_CONTROL(fake_tarn_reset)(); }
 
 void FakeTarnlink::set_input_size(int width, int height) {
-  control<decltype(&fake_tarn_set_input_size)>("fake_tarn_set_input_size")(width, height);
+  FAKE_CONTROL(fake_tarn_set_input_size)(width, height);
 }
 
 void FakeTarnlink::set_layer_output(const std::string& layer, const std::vector<float>& values,
                                     std::array<int, 4> dims, int format) {
-  control<decltype(&fake_tarn_set_layer_output)>("fake_tarn_set_layer_output")(
-      layer.c_str(), values.data(), values.size(), dims[0], dims[1], dims[2], dims[3], format);
+  FAKE_CONTROL(fake_tarn_set_layer_output)
+  (layer.c_str(), values.data(), values.size(), dims[0], dims[1], dims[2], dims[3], format);
 }
 
 void FakeTarnlink::set_failure(FakeTarnOp op, FakeTarnFailure failure) {
-  control<decltype(&fake_tarn_set_failure)>("fake_tarn_set_failure")(op, failure);
+  FAKE_CONTROL(fake_tarn_set_failure)(op, failure);
 }
 
 std::vector<FakeTarnCall> FakeTarnlink::calls() const {
-  const auto count = control<decltype(&fake_tarn_call_count)>("fake_tarn_call_count")();
-  const auto at = control<decltype(&fake_tarn_call_at)>("fake_tarn_call_at");
+  const size_t count = FAKE_CONTROL(fake_tarn_call_count)();
+  const auto at = FAKE_CONTROL(fake_tarn_call_at);
   std::vector<FakeTarnCall> out;
   for (size_t i = 0; i < count; ++i) out.push_back(*at(i));
   return out;
@@ -128,16 +112,14 @@ std::vector<FakeTarnOp> FakeTarnlink::call_ops() const {
 
 std::vector<float> FakeTarnlink::last_input() const {
   const float* values = nullptr;
-  const size_t count = control<decltype(&fake_tarn_last_input)>("fake_tarn_last_input")(&values);
+  const size_t count = FAKE_CONTROL(fake_tarn_last_input)(&values);
   return std::vector<float>(values, values + count);
 }
 
-int FakeTarnlink::sessions_created() const {
-  return control<decltype(&fake_tarn_sessions_created)>("fake_tarn_sessions_created")();
-}
+int FakeTarnlink::sessions_created() const { return FAKE_CONTROL(fake_tarn_sessions_created)(); }
 
 int FakeTarnlink::sessions_destroyed() const {
-  return control<decltype(&fake_tarn_sessions_destroyed)>("fake_tarn_sessions_destroyed")();
+  return FAKE_CONTROL(fake_tarn_sessions_destroyed)();
 }
 
 }  // namespace ad_test
