@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <regex>
 #include <stdexcept>
 
 #include "support/fake_tarnlink.h"
@@ -14,180 +15,90 @@ namespace {
 
 using ad_test::FakeTarnlink;
 using ad_test::FakeVariant;
-using ad_test::LogCapture;
+using Strings = std::vector<std::string>;
+using namespace std::string_literals;
 
-const char* const kStepNames[] = {"bare", "aidl", "hidl", "vendor"};
+// Per place, the lines logged when it loads and when it does not; "%s" is the path tried.
+const std::pair<std::string, std::string> kPlaceLines[] = {
+    {"12: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR",
+     "15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed"},
+    {"22: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
+     "25: TQ Debug: Dynamic loading of libTarnlink from %s failed"},
+    {"35: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
+     "38: TQ Debug: Dynamic loading of libTarnlink from %s failed"},
+    {"48: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
+     "54: TQ Debug: Dynamic loading of libTarnlink failed.\nERROR: %s: cannot open shared object "
+     "file: No such file or directory"}};  // the linker's dlerror() text
 
-std::string loaded_file(void* handle) {
-  Dl_info info{};
-  EXPECT_NE(dladdr(dlsym(handle, "fake_tarn_reset"), &info), 0);
-  return info.dli_fname ? info.dli_fname : "";
-}
-
-struct SearchCase {
-  const char* name;
-  std::vector<int> present;  // steps whose library exists
-  int winner;                // -1: none loads
-  std::vector<std::string> lines;
-};
-void PrintTo(const SearchCase& c, std::ostream* os) { *os << c.name; }
-
-class LibrarySearch : public ::testing::TestWithParam<SearchCase> {};
-
-// Copies of the fake stand in for the system and vendor files; the bare name is either the
-// real one (reaching the fake through the RPATH) or one that nothing answers to.
-TEST_P(LibrarySearch, TriesTheFourPlacesInOrderAndLogsEachAttempt) {
-  const SearchCase& c = GetParam();
-  ad_test::TempDir dir;
-  std::array<std::string, 4> names = {"libTarnlink_absent.camera.korvane.so",
-                                      dir.base() + "aidl.so", dir.base() + "hidl.so",
-                                      dir.base() + "vendor.so"};
-  for (int step : c.present) {
-    if (step == 0) {
-      names[0] = kFakeTarnLibraryName;
-    } else {
-      std::filesystem::copy_file(FakeTarnlink::path(FakeVariant::kFull), names[step]);
+// Copies of the fake stand in for the system and vendor files; the bare name reaches the fake
+// through the RPATH.
+TEST(Loader, TriesTheFourPlacesInOrderAndLogsEachAttempt) {
+  const std::string full = FakeTarnlink::path(FakeVariant::kFull);
+  // Which places hold a library ('1'), and the one expected to load (-1: none).
+  const std::pair<const char*, int> cases[] = {
+      {"1111", 0}, {"0111", 1}, {"0011", 2}, {"0001", 3}, {"0000", -1}};
+  for (const auto& [present, winner] : cases) {
+    SCOPED_TRACE(present);
+    ad_test::TempDir dir;
+    const Strings names = {present[0] == '1' ? kFakeTarnLibraryName : "libTarnlink_absent.so",
+                           dir.base() + "aidl.so", dir.base() + "hidl.so",
+                           dir.base() + "vendor.so"};
+    for (int i = 1; i < 4; ++i)
+      if (present[i] == '1') std::filesystem::copy_file(full, names[i]);
+    Strings expected;
+    for (int i = 0; i <= (winner < 0 ? 3 : winner); ++i) {
+      const std::string& line = i == winner ? kPlaceLines[i].first : kPlaceLines[i].second;
+      expected.push_back("dl_loader.cpp: " + std::regex_replace(line, std::regex("%s"), names[i]));
     }
-  }
-  std::vector<std::string> expected;
-  for (std::string line : c.lines) {
-    for (int step = 1; step < 4; ++step) {
-      const std::string key = std::string("<") + kStepNames[step] + ">";
-      if (line.find(key) != std::string::npos)
-        line.replace(line.find(key), key.size(), names[step]);
+    ad_test::LogCapture capture;
+    void* handle = nullptr;
+    try {
+      // When the bare name answers, the device's own search, which starts with it, is used.
+      handle = winner == 0 ? get_tarnlink_lib_handle()
+                           : get_tarnlink_lib_handle({names[0].c_str(), names[1].c_str(),
+                                                      names[2].c_str(), names[3].c_str()});
+    } catch (const std::runtime_error& e) {
+      EXPECT_STREQ(e.what(), "Dynamic loading of libTarnlink failed.");
     }
-    expected.push_back("dl_loader.cpp: " + line);
+    EXPECT_EQ(handle == nullptr, winner < 0);
+    EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"), expected);
+    if (handle == nullptr) continue;
+    Dl_info info{};
+    ASSERT_NE(dladdr(dlsym(handle, "fake_tarn_reset"), &info), 0);
+    EXPECT_TRUE(std::filesystem::equivalent(info.dli_fname, winner == 0 ? full : names[winner]));
+    dlclose(handle);
   }
-
-  LogCapture capture;
-  const std::array<const char*, 4> candidates = {names[0].c_str(), names[1].c_str(),
-                                                 names[2].c_str(), names[3].c_str()};
-  if (c.winner < 0) {
-    EXPECT_THROW(
-        {
-          try {
-            get_tarnlink_lib_handle(candidates);
-          } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "Dynamic loading of libTarnlink failed.");
-            throw;
-          }
-        },
-        std::runtime_error);
-    auto texts = capture.texts("ImageSearchJNI_ARTI_DET");
-    ASSERT_EQ(texts.size(), expected.size());
-    // The last line ends with the linker's own message about the vendor path.
-    EXPECT_EQ(texts.back().rfind(expected.back() + names[3], 0), 0u) << texts.back();
-    texts.pop_back();
-    expected.pop_back();
-    EXPECT_EQ(texts, expected);
-    return;
-  }
-  void* handle = get_tarnlink_lib_handle(candidates);
-  ASSERT_NE(handle, nullptr);
-  const std::string want = c.winner == 0 ? FakeTarnlink::path(FakeVariant::kFull) : names[c.winner];
-  EXPECT_TRUE(std::filesystem::equivalent(loaded_file(handle), want));
-  dlclose(handle);
-  EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Loader, LibrarySearch,
-    ::testing::Values(
-        SearchCase{"BareNameWins",
-                   {0, 1, 2, 3},
-                   0,
-                   {"12: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR"}},
-        SearchCase{"AidlBeforeHidl",
-                   {1, 2, 3},
-                   1,
-                   {"15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed",
-                    "22: TQ Debug: Dynamic loading of libTarnlink successfull from <aidl>"}},
-        SearchCase{"Hidl",
-                   {2},
-                   2,
-                   {"15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed",
-                    "25: TQ Debug: Dynamic loading of libTarnlink from <aidl> failed",
-                    "35: TQ Debug: Dynamic loading of libTarnlink successfull from <hidl>"}},
-        SearchCase{"VendorOnly",
-                   {3},
-                   3,
-                   {"15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed",
-                    "25: TQ Debug: Dynamic loading of libTarnlink from <aidl> failed",
-                    "38: TQ Debug: Dynamic loading of libTarnlink from <hidl> failed",
-                    "48: TQ Debug: Dynamic loading of libTarnlink successfull from <vendor>"}},
-        SearchCase{"Nowhere",
-                   {},
-                   -1,
-                   {"15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed",
-                    "25: TQ Debug: Dynamic loading of libTarnlink from <aidl> failed",
-                    "38: TQ Debug: Dynamic loading of libTarnlink from <hidl> failed",
-                    "54: TQ Debug: Dynamic loading of libTarnlink failed.\nERROR: "}}),
-    [](const ::testing::TestParamInfo<SearchCase>& info) { return info.param.name; });
-
-TEST(Loader, FixedSearchStartsWithTheBareName) {
-  FakeTarnlink fake;
-  LogCapture capture;
-  void* handle = get_tarnlink_lib_handle();
-  EXPECT_EQ(handle, fake.handle());
-  dlclose(handle);
-  EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"),
-            std::vector<std::string>{"dl_loader.cpp: 12: TQ Debug: Dynamic loading of libTarnlink "
-                                     "successfull from LD DIR"});
-}
-
-struct GetterCase {
-  void* (*getter)(void*);
-  const char* symbol;
-  const char* missing_line;
-};
-void PrintTo(const GetterCase& c, std::ostream* os) { *os << c.symbol; }
-
-class OperationGetter : public ::testing::TestWithParam<GetterCase> {};
-
-TEST_P(OperationGetter, ReturnsTheSymbolOrLogsItsLineAndNull) {
+TEST(Loader, GettersReturnTheSymbolOrLogTheirLineAndNull) {
+  // Getter, symbol after "TarnWrapper_", line of its missing-symbol message, and the name
+  // that message gives when it is not the symbol.
+  const std::tuple<void* (*)(void*), const char*, int, const char*> cases[] = {
+      {get_create_fptr, "create", 65, nullptr},
+      {get_open_fptr, "openDLModel", 73, nullptr},
+      {get_open_fptr_direct_latency, "openDLModel_direct_latency", 81, nullptr},
+      {get_open_fptr_direct, "openDLModel_direct", 89, nullptr},
+      {get_inputDimens_fptr, "getInputDimens", 97, "inputDimens_fptr"},
+      {get_inputChannels_fptr, "getInputChannels", 105, "inputChannels_fptr"},
+      {get_execute_fptr, "execute", 113, nullptr},
+      {get_output_fptr, "getLayerOutput", 121, nullptr},
+      {get_output_and_format_fptr, "getLayerOutputAndFormat", 130, nullptr},
+      {get_destroy_fptr, "destroy", 139, nullptr},
+      {get_setChannelMeans_fptr, "setChannelMeans", 147, "setChannelMeans_fptr"},
+      {get_open_fptr_zeph_options, "openDLModel_zephOptions", 155, nullptr}};
   FakeTarnlink fake;
   void* empty = dlopen(FakeTarnlink::path(FakeVariant::kNoOperations).c_str(), RTLD_LAZY);
   ASSERT_NE(empty, nullptr);
-  LogCapture capture;
-  void* found = GetParam().getter(fake.handle());
-  EXPECT_NE(found, nullptr);
-  EXPECT_EQ(found, dlsym(fake.handle(), GetParam().symbol));
-  EXPECT_TRUE(capture.lines().empty());
-  EXPECT_EQ(GetParam().getter(empty), nullptr);
-  EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"),
-            std::vector<std::string>{std::string("dl_loader.cpp: ") + GetParam().missing_line});
+  for (const auto& [getter, symbol, line, name] : cases) {
+    SCOPED_TRACE(symbol);
+    ad_test::LogCapture capture;  // a symbol found logs nothing
+    EXPECT_EQ(getter(fake.handle()), dlsym(fake.handle(), ("TarnWrapper_"s + symbol).c_str()));
+    EXPECT_EQ(getter(empty), nullptr);
+    EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"),
+              Strings{"dl_loader.cpp: " + std::to_string(line) + ": TQ Debug: TarnWrapper_" +
+                      (name ? name : symbol) + " symbol not found"});
+  }
   dlclose(empty);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Loader, OperationGetter,
-    ::testing::Values(
-        GetterCase{get_create_fptr, "TarnWrapper_create",
-                   "65: TQ Debug: TarnWrapper_create symbol not found"},
-        GetterCase{get_open_fptr, "TarnWrapper_openDLModel",
-                   "73: TQ Debug: TarnWrapper_openDLModel symbol not found"},
-        GetterCase{get_open_fptr_direct_latency, "TarnWrapper_openDLModel_direct_latency",
-                   "81: TQ Debug: TarnWrapper_openDLModel_direct_latency symbol not found"},
-        GetterCase{get_open_fptr_direct, "TarnWrapper_openDLModel_direct",
-                   "89: TQ Debug: TarnWrapper_openDLModel_direct symbol not found"},
-        GetterCase{get_inputDimens_fptr, "TarnWrapper_getInputDimens",
-                   "97: TQ Debug: TarnWrapper_inputDimens_fptr symbol not found"},
-        GetterCase{get_inputChannels_fptr, "TarnWrapper_getInputChannels",
-                   "105: TQ Debug: TarnWrapper_inputChannels_fptr symbol not found"},
-        GetterCase{get_execute_fptr, "TarnWrapper_execute",
-                   "113: TQ Debug: TarnWrapper_execute symbol not found"},
-        GetterCase{get_output_fptr, "TarnWrapper_getLayerOutput",
-                   "121: TQ Debug: TarnWrapper_getLayerOutput symbol not found"},
-        GetterCase{get_output_and_format_fptr, "TarnWrapper_getLayerOutputAndFormat",
-                   "130: TQ Debug: TarnWrapper_getLayerOutputAndFormat symbol not found"},
-        GetterCase{get_destroy_fptr, "TarnWrapper_destroy",
-                   "139: TQ Debug: TarnWrapper_destroy symbol not found"},
-        GetterCase{get_setChannelMeans_fptr, "TarnWrapper_setChannelMeans",
-                   "147: TQ Debug: TarnWrapper_setChannelMeans_fptr symbol not found"},
-        GetterCase{get_open_fptr_zeph_options, "TarnWrapper_openDLModel_zephOptions",
-                   "155: TQ Debug: TarnWrapper_openDLModel_zephOptions symbol not found"}),
-    [](const ::testing::TestParamInfo<GetterCase>& info) {
-      return std::string(info.param.symbol);
-    });
 
 }  // namespace
