@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/utils/logging.h"
+#include "utils/neon_kernels.h"
 
 using ImageFormat = artifact_detector::ArtifactDetector::ImageFormat;
 
@@ -20,6 +21,63 @@ cv::Mat view_buffer(char* buffer, int width, int height, ImageFormat format) {
     default:
       return cv::Mat(height, width, CV_8UC3, buffer);
   }
+}
+
+namespace {
+
+// 90, 180 and 270 turn; every other value leaves the frame as it is.
+int turning(int rotation) {
+  return rotation == 90 || rotation == 180 || rotation == 270 ? rotation : 0;
+}
+
+bool shrink(tqr_arm_neon::kernels::Pixels pixels, const unsigned char* src, std::ptrdiff_t step,
+            int width, int height, int rotation, cv::Size size, cv::Mat& out) {
+  namespace k = tqr_arm_neon::kernels;
+  rotation = turning(rotation);
+  const cv::Size upright = upright_size(width, height, rotation);
+  k::AreaAxis columns, rows;
+  if (!k::plan_area(upright.width, upright.height, size.width, size.height, columns, rows)) {
+    return false;
+  }
+  cv::Mat small(size, CV_8UC3);
+  k::AreaJob job;
+  job.pixels = pixels;
+  job.src = src;
+  job.step = step;
+  job.width = width;
+  job.height = height;
+  job.rotation = rotation;
+  job.columns = &columns;
+  job.rows = &rows;
+  job.dst = small.data;
+  job.dst_step = static_cast<std::ptrdiff_t>(small.step[0]);
+  k::selected().area(job);
+  out = small;
+  return true;
+}
+
+}  // namespace
+
+cv::Size upright_size(int width, int height, int rotation) {
+  const int turn = turning(rotation);
+  return turn == 90 || turn == 270 ? cv::Size(height, width) : cv::Size(width, height);
+}
+
+bool shrink_upright(const cv::Mat& frame, int rotation, cv::Size size, cv::Mat& out) {
+  if (frame.type() != CV_8UC3 || frame.dims != 2 || frame.empty()) return false;
+  return shrink(tqr_arm_neon::kernels::Pixels::kBgr, frame.data,
+                static_cast<std::ptrdiff_t>(frame.step[0]), frame.cols, frame.rows, rotation, size,
+                out);
+}
+
+bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, cv::Size size,
+                         cv::Mat& out) {
+  if (nv21 == nullptr || width <= 0 || height <= 0 || width % 2 != 0 || height % 2 != 0) {
+    return false;
+  }
+  return shrink(tqr_arm_neon::kernels::Pixels::kNv21,
+                reinterpret_cast<const unsigned char*>(nv21), width, width, height, rotation, size,
+                out);
 }
 
 }  // namespace image_utils
@@ -109,6 +167,13 @@ cv::Mat convert(char* nv21, int width, int height) {
 }  // namespace
 
 cv::Mat nv21_convert_rotate(char* nv21, int width, int height, int rotation) {
+  if ((rotation == 90 || rotation == 180 || rotation == 270) && width > 0 && height > 0) {
+    // Converted straight into the turned image: the bytes of converting, then turning.
+    cv::Mat bgr(image_utils::upright_size(width, height, rotation), CV_8UC3);
+    kernels::selected().convert_rotate(reinterpret_cast<unsigned char*>(nv21), bgr.data, width,
+                                       height, rotation);
+    return bgr;
+  }
   cv::Mat bgr = convert(nv21, width, height);
   if (rotation == 0) return bgr;
   return rotate_image(std::move(bgr), rotation);
@@ -116,8 +181,6 @@ cv::Mat nv21_convert_rotate(char* nv21, int width, int height, int rotation) {
 
 cv::Mat nv21_resize_convert_rotate(char* nv21, int srcWidth, int srcHeight, int dstWidth,
                                    int dstHeight, int rotation) {
-  // A target with pixels needs a frame with pixels to sample, as cv::resize does.
-  if (dstWidth > 0 && dstHeight > 0) CV_Assert(srcWidth > 0 && srcHeight > 0);
   cv::Mat bgr;
   {
     const auto size = static_cast<std::size_t>(dstHeight * 1.5 * dstWidth);

@@ -59,4 +59,18 @@ namespace image_utils {
 cv::Mat view_buffer(char* buffer, int width, int height,
                     artifact_detector::ArtifactDetector::ImageFormat format);
 
+// `frame` (8-bit B,G,R) turned upright by `rotation` (as rotate_image turns it) and shrunk to
+// `size` with the very bytes of cv::resize's INTER_AREA, without making the upright
+// full-size image. False, leaving `out` alone, when cv::resize would not reduce by area for
+// these sizes; the caller then turns and resizes the long way.
+bool shrink_upright(const cv::Mat& frame, int rotation, cv::Size size, cv::Mat& out);
+
+// The same for an NV21 frame of even width and height, converted on the way with the bytes
+// of nv21_convert_rotate.
+bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, cv::Size size,
+                         cv::Mat& out);
+
+// Columns x rows of a `width` x `height` frame once rotate_image has turned it.
+cv::Size upright_size(int width, int height, int rotation);
+
 }  // namespace image_utils

@@ -1,139 +1,154 @@
 #include "utils/image_utils_neon.h"
 
+#include <algorithm>
+#include <cfloat>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-#include "utils/neon.h"
-
-// This file is built with floating-point contraction off: every product below is rounded
-// before it is added, on every compiler and processor, so all builds give the same bytes.
+#include "utils/neon_kernels.h"
 
 namespace tqr_arm_neon {
+namespace kernels {
+
+// Every compiled copy of neon_kernels.cpp.
+#if defined(AD_X86_KERNELS) && AD_X86_KERNELS
+namespace baseline {
+extern const Variant kVariant;
+}
+namespace sse4_1 {
+extern const Variant kVariant;
+}
+namespace avx2 {
+extern const Variant kVariant;
+}
+#else
+namespace native {
+extern const Variant kVariant;
+}
+#endif
+
+std::vector<const Variant*> runnable() {
+#if defined(AD_X86_KERNELS) && AD_X86_KERNELS
+  std::vector<const Variant*> variants{&baseline::kVariant};
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("sse4.1")) variants.push_back(&sse4_1::kVariant);
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+    variants.push_back(&avx2::kVariant);
+  }
+  return variants;
+#else
+  return {&native::kVariant};
+#endif
+}
+
+const Variant& selected() {
+  static const Variant* const best = runnable().back();
+  return *best;
+}
+
 namespace {
 
-// Full-range YUV to RGB constants, as single-precision numbers; the scalar columns widen
-// these very values to double.
-constexpr float kChromaOffset = -128.0f;
-constexpr float kVToR = 1.403f;
-constexpr float kUToG = 0.344f;
-constexpr float kVToG = 0.714f;
-constexpr float kUToB = 1.773f;
+// OpenCV's rounding and flooring helpers on doubles.
+int round_half_even(double value) { return static_cast<int>(std::nearbyint(value)); }
+int floor_int(double value) {
+  const int i = static_cast<int>(value);
+  return i - (i > value);
+}
+int ceil_int(double value) {
+  const int i = static_cast<int>(value);
+  return i + (i < value);
+}
 
-// Pixels of one row converted per vector step; the rest of a row goes through the scalar path.
-constexpr int kVectorStep = 16;
-constexpr int kBgrBytes = 3;
+// Cells whose edge lies closer than this to a pixel border do not take that pixel in part.
+constexpr double kEdgeTolerance = 1e-3;
 
-// 16 values as four vectors of four single-precision lanes.
-struct Lanes16 {
-  float32x4_t q[4];
+struct Entry {
+  int src, dst;
+  float weight;
 };
 
-// Widens 16 bytes to floats, lane order kept.
-inline Lanes16 widen(uint8x16_t bytes) {
-  const uint16x8_t lo = vmovl_u8(vget_low_u8(bytes));
-  const uint16x8_t hi = vmovl_u8(vget_high_u8(bytes));
-  return {{vcvtq_f32_u32(vmovl_u16(vget_low_u16(lo))), vcvtq_f32_u32(vmovl_u16(vget_high_u16(lo))),
-           vcvtq_f32_u32(vmovl_u16(vget_low_u16(hi))),
-           vcvtq_f32_u32(vmovl_u16(vget_high_u16(hi)))}};
-}
-
-// Eight chroma samples, each repeated for the two pixels that share it, minus the offset.
-inline Lanes16 chroma_lanes(uint8x8_t samples) {
-  const uint8x8x2_t doubled = vzip_u8(samples, samples);
-  Lanes16 lanes = widen(vcombine_u8(doubled.val[0], doubled.val[1]));
-  const float32x4_t offset = vdupq_n_f32(kChromaOffset);
-  for (float32x4_t& q : lanes.q) q = vaddq_f32(q, offset);
-  return lanes;
-}
-
-// Truncates eight floats toward zero (negatives become 0) and narrows them with saturation.
-inline uint8x8_t to_bytes(float32x4_t first, float32x4_t second) {
-  const uint16x8_t words =
-      vcombine_u16(vqmovn_u32(vcvtq_u32_f32(first)), vqmovn_u32(vcvtq_u32_f32(second)));
-  return vqmovn_u16(words);
-}
-
-// 16 pixels of one row: luma from `luma`, chroma already offset, B,G,R written to `out`.
-// Multiplies and adds stay separate instructions so no build fuses them.
-inline void convert_16(const unsigned char* luma, const Lanes16& u, const Lanes16& v,
-                       unsigned char* out) {
-  const Lanes16 y = widen(vld1q_u8(luma));
-  const float32x4_t v_to_r = vdupq_n_f32(kVToR);
-  const float32x4_t u_to_g = vdupq_n_f32(kUToG);
-  const float32x4_t v_to_g = vdupq_n_f32(kVToG);
-  const float32x4_t u_to_b = vdupq_n_f32(kUToB);
-  Lanes16 r, g, b;
-  for (int i = 0; i < 4; ++i) {
-    r.q[i] = vaddq_f32(y.q[i], vmulq_f32(v.q[i], v_to_r));
-    g.q[i] = vsubq_f32(vsubq_f32(y.q[i], vmulq_f32(u.q[i], u_to_g)), vmulq_f32(v.q[i], v_to_g));
-    b.q[i] = vaddq_f32(y.q[i], vmulq_f32(u.q[i], u_to_b));
+// OpenCV's INTER_AREA table for one axis, entry for entry, in its order.
+std::vector<Entry> area_table(int src_size, int dst_size, double scale) {
+  std::vector<Entry> table;
+  for (int dx = 0; dx < dst_size; ++dx) {
+    const double fsx1 = dx * scale;
+    const double fsx2 = fsx1 + scale;
+    const double cell_width = std::min(scale, src_size - fsx1);
+    int sx1 = ceil_int(fsx1), sx2 = floor_int(fsx2);
+    sx2 = std::min(sx2, src_size - 1);
+    sx1 = std::min(sx1, sx2);
+    if (sx1 - fsx1 > kEdgeTolerance) {
+      table.push_back({sx1 - 1, dx, static_cast<float>((sx1 - fsx1) / cell_width)});
+    }
+    for (int sx = sx1; sx < sx2; ++sx) {
+      table.push_back({sx, dx, static_cast<float>(1.0 / cell_width)});
+    }
+    if (fsx2 - sx2 > kEdgeTolerance) {
+      table.push_back(
+          {sx2, dx,
+           static_cast<float>(std::min(std::min(fsx2 - sx2, 1.0), cell_width) / cell_width)});
+    }
   }
-  for (int half = 0; half < 2; ++half) {
-    uint8x8x3_t pixels;
-    pixels.val[0] = to_bytes(b.q[2 * half], b.q[2 * half + 1]);
-    pixels.val[1] = to_bytes(g.q[2 * half], g.q[2 * half + 1]);
-    pixels.val[2] = to_bytes(r.q[2 * half], r.q[2 * half + 1]);
-    vst3_u8(out + half * (kVectorStep / 2) * kBgrBytes, pixels);
+  return table;
+}
+
+// The table regrouped by source index (a stable sort keeps each destination's order), checked
+// against the kernels' window of two destinations.
+bool build_axis(int src_size, int dst_size, double scale, AreaAxis& axis) {
+  std::vector<Entry> table = area_table(src_size, dst_size, scale);
+  std::stable_sort(table.begin(), table.end(),
+                   [](const Entry& a, const Entry& b) { return a.src < b.src; });
+  axis.src_size = src_size;
+  axis.dst_size = dst_size;
+  axis.first.assign(std::size_t(src_size) + 1, 0);
+  axis.dst.clear();
+  axis.weight.clear();
+  int base = 0;
+  for (const Entry& e : table) {
+    if (e.src < 0 || e.src >= src_size || e.dst < 0 || e.dst >= dst_size) return false;
+    while (e.dst > base + 1) ++base;
+    if (e.dst < base) return false;
+    ++axis.first[std::size_t(e.src) + 1];
+    axis.dst.push_back(e.dst);
+    axis.weight.push_back(e.weight);
   }
-}
-
-inline unsigned char clamp_to_byte(double value) {
-  const int truncated = static_cast<int>(value);
-  return static_cast<unsigned char>(truncated < 0 ? 0 : (truncated > 255 ? 255 : truncated));
-}
-
-// One pixel in double precision with explicit fused multiply-adds.
-inline void convert_pixel(unsigned char luma, double u, double v, unsigned char* out) {
-  const double y = luma;
-  out[0] = clamp_to_byte(std::fma(static_cast<double>(kUToB), u, y));
-  out[1] = clamp_to_byte(
-      std::fma(-static_cast<double>(kUToG), u, std::fma(-static_cast<double>(kVToG), v, y)));
-  out[2] = clamp_to_byte(std::fma(static_cast<double>(kVToR), v, y));
+  for (int s = 0; s < src_size; ++s) axis.first[std::size_t(s) + 1] += axis.first[s];
+  return true;
 }
 
 }  // namespace
 
-int ics_fconvert_nv21torgb_neon(unsigned char* nv21, unsigned char* bgr, int width, int height) {
-  if (height < 1 || width < 1) return 0;
-  const std::ptrdiff_t stride = width;
-  const std::ptrdiff_t out_stride = stride * kBgrBytes;
-  const int vector_width = width / kVectorStep * kVectorStep;
-  const unsigned char* chroma_plane = nv21 + stride * height;
-
-  // Two rows per pass so that each chroma row is read once.
-  for (int y = 0; y < height; y += 2) {
-    const unsigned char* luma0 = nv21 + stride * y;
-    const unsigned char* luma1 = luma0 + stride;
-    const unsigned char* chroma = chroma_plane + stride * (y / 2);
-    unsigned char* out0 = bgr + out_stride * y;
-    unsigned char* out1 = out0 + out_stride;
-
-    int x = 0;
-    for (; x < vector_width; x += kVectorStep) {
-      const uint8x8x2_t vu = vld2_u8(chroma + x);  // V at even bytes, U at odd bytes
-      const Lanes16 v = chroma_lanes(vu.val[0]);
-      const Lanes16 u = chroma_lanes(vu.val[1]);
-      convert_16(luma0 + x, u, v, out0 + x * kBgrBytes);
-      convert_16(luma1 + x, u, v, out1 + x * kBgrBytes);
-    }
-    for (; x < width; x += 2) {
-      const double v = chroma[x] + static_cast<double>(kChromaOffset);
-      const double u = chroma[x + 1] + static_cast<double>(kChromaOffset);
-      convert_pixel(luma0[x], u, v, out0 + x * kBgrBytes);
-      convert_pixel(luma0[x + 1], u, v, out0 + (x + 1) * kBgrBytes);
-      convert_pixel(luma1[x], u, v, out1 + x * kBgrBytes);
-      convert_pixel(luma1[x + 1], u, v, out1 + (x + 1) * kBgrBytes);
-    }
+bool plan_area(int src_cols, int src_rows, int dst_cols, int dst_rows, AreaAxis& columns,
+               AreaAxis& rows) {
+  if (src_cols <= 0 || src_rows <= 0 || dst_cols <= 0 || dst_rows <= 0) return false;
+  if (src_cols == dst_cols && src_rows == dst_rows) return false;
+  // The very computations of cv::resize: inverse scales from the sizes, scales from those.
+  const double inv_scale_x = static_cast<double>(dst_cols) / src_cols;
+  const double inv_scale_y = static_cast<double>(dst_rows) / src_rows;
+  if (round_half_even(src_cols * inv_scale_x) != dst_cols ||
+      round_half_even(src_rows * inv_scale_y) != dst_rows) {
+    return false;
   }
+  const double scale_x = 1. / inv_scale_x, scale_y = 1. / inv_scale_y;
+  const bool whole_factors = std::abs(scale_x - round_half_even(scale_x)) < DBL_EPSILON &&
+                             std::abs(scale_y - round_half_even(scale_y)) < DBL_EPSILON;
+  if (whole_factors || scale_x < 1 || scale_y < 1) return false;
+  return build_axis(src_cols, dst_cols, scale_x, columns) &&
+         build_axis(src_rows, dst_rows, scale_y, rows);
+}
+
+}  // namespace kernels
+
+int ics_fconvert_nv21torgb_neon(unsigned char* nv21, unsigned char* bgr, int width, int height) {
+  kernels::selected().convert(nv21, bgr, width, height);
   return 0;
 }
 
 int resize_nv21_buffer(char* src, char* dst, int srcWidth, int srcHeight, int dstWidth,
                        int dstHeight) {
-  // Nothing to write, or a frame without pixels: nothing to sample.
-  if (dstWidth < 1 || dstHeight < 1 || srcWidth < 1 || srcHeight < 1) return 1;
+  if (dstWidth < 1 || dstHeight < 1) return 1;
   // Bytes are read unsigned whatever the signedness of char, so chroma sums never go negative.
   const auto* in = reinterpret_cast<const unsigned char*>(src);
   auto* out = reinterpret_cast<unsigned char*>(dst);

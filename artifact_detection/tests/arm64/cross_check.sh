@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the NV21 driver for AArch64 (real Advanced SIMD), runs it under user-mode
-# emulation and compares every output byte with the host build of the same driver.
+# emulation and compares every output byte with the host build of the same driver (which
+# runs the best copy of the kernels for the host processor).
 # Usage: cross_check.sh <host driver> <artifact_detection dir> <work dir>
 # Exit 77 (a skip for ctest) when the cross compiler or the emulator is missing.
 set -euo pipefail
@@ -22,6 +23,7 @@ arm_driver=$work/nv21_cross_driver.aarch64
 aarch64-linux-gnu-g++ -std=c++17 -O2 -static -ffp-contract=off -Wall -Wextra -Werror \
   -DAD_NEON_NATIVE=1 -I"$root/src" -I"$root/tests" \
   "$root/tests/arm64/nv21_cross_driver.cpp" "$root/src/utils/image_utils_neon.cpp" \
+  "$root/src/utils/neon_kernels.cpp" \
   -o "$arm_driver"
 
 # Both outputs are streamed through pipes into cmp: no large files.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <opencv2/imgproc.hpp>
@@ -16,6 +17,7 @@
 
 #include "support/frame_buffers.h"
 #include "support/log_capture.h"
+#include "support/reference_images.h"
 
 namespace {
 
@@ -247,22 +249,6 @@ TEST(Resize, EmptyDestinationWritesNothing) {
   EXPECT_EQ(std::count(dst.data(), dst.data() + 8, 3), 8);
 }
 
-TEST(Resize, FrameWithoutPixelsIsNeverRead) {
-  // The frame's zero bytes end where an inaccessible page begins: any read faults.
-  PageEndBuffer empty(0);
-  PageEndBuffer dst(6);
-  dst.fill(3);
-  for (const cv::Size frame : {cv::Size(0, 0), cv::Size(0, 4), cv::Size(4, 0)}) {
-    EXPECT_EQ(tqr_arm_neon::resize_nv21_buffer(empty.chars(), dst.chars(), frame.width,
-                                               frame.height, 2, 2),
-              1);
-    EXPECT_EQ(std::count(dst.data(), dst.data() + 6, 3), 6);
-    EXPECT_THROW(
-        tqr_arm_neon::nv21_resize_convert_rotate(empty.chars(), frame.width, frame.height, 2, 2, 0),
-        cv::Exception);
-  }
-}
-
 // --- Composite NV21 routines ---------------------------------------------------------------
 
 class Composite : public ::testing::TestWithParam<int> {};
@@ -390,6 +376,87 @@ INSTANTIATE_TEST_SUITE_P(Table, Rotation,
                                            RotationCase{180, {640, 480}, from_half_turn},
                                            RotationCase{270, {480, 640}, from_three_quarter_turn}),
                          ParamName());
+
+// --- Shrinking to the network's size ---------------------------------------------------------
+
+struct ShrinkCase {
+  cv::Size frame, target;
+  int rotation;
+};
+void PrintTo(const ShrinkCase& c, std::ostream* os) {
+  *os << c.frame.width << "x" << c.frame.height << "to" << c.target.width << "x"
+      << c.target.height << "r" << c.rotation;
+}
+
+std::vector<ShrinkCase> shrink_cases() {
+  std::vector<ShrinkCase> cases;
+  for (int rotation : {0, 90, 180, 270, 45, -90}) {
+    cases.push_back({{64, 48}, {40, 30}, rotation});
+    cases.push_back({{98, 66}, {31, 23}, rotation});
+  }
+  cases.push_back({{1920, 1080}, {224, 224}, 90});
+  cases.push_back({{642, 482}, {224, 224}, 270});
+  return cases;
+}
+
+class Shrink : public ::testing::TestWithParam<ShrinkCase> {};
+
+// One pass gives the bytes of converting, turning with rotate_image and resizing with
+// INTER_AREA, for NV21 and for B,G,R frames.
+TEST_P(Shrink, GivesTheBytesOfTurningThenResizing) {
+  const ShrinkCase c = GetParam();
+  Nv21Frame frame(c.frame.width, c.frame.height, Pixels::Random, c.frame.area());
+  const cv::Mat converted =
+      ad_test::reference_nv21_to_bgr(frame.bytes.data(), c.frame.width, c.frame.height);
+  const cv::Mat expected =
+      ad_test::reference_shrink(ad_test::reference_turn(converted, c.rotation), c.target);
+  cv::Mat from_nv21, from_bgr;
+  ASSERT_TRUE(image_utils::shrink_upright_nv21(frame.bytes.chars(), c.frame.width, c.frame.height,
+                                               c.rotation, c.target, from_nv21));
+  ASSERT_TRUE(image_utils::shrink_upright(converted, c.rotation, c.target, from_bgr));
+  EXPECT_TRUE(ad_test::same_bytes(from_nv21, expected));
+  EXPECT_TRUE(ad_test::same_bytes(from_bgr, expected));
+  EXPECT_EQ(image_utils::upright_size(c.frame.width, c.frame.height, c.rotation),
+            rotate_image(converted, c.rotation).size());
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Shrink, ::testing::ValuesIn(shrink_cases()), ParamName());
+
+// Where cv::resize would copy, average whole blocks or enlarge, or the input is not what the
+// kernels take, nothing is made and the caller goes the long way.
+TEST(Shrink, DeclinesWhatTheAreaKernelsDoNotDo) {
+  Nv21Frame frame(64, 48);
+  const cv::Mat bgr(48, 64, CV_8UC3, cv::Scalar(1, 2, 3));
+  const cv::Mat untouched(3, 3, CV_8UC1, cv::Scalar(9));
+  const struct {
+    const char* name;
+    std::function<bool(cv::Mat&)> call;
+  } cases[] = {
+      {"equal size", [&](cv::Mat& out) {
+         return image_utils::shrink_upright(bgr, 0, {64, 48}, out);
+       }},
+      {"whole factors", [&](cv::Mat& out) {
+         return image_utils::shrink_upright_nv21(frame.bytes.chars(), 64, 48, 0, {32, 24}, out);
+       }},
+      {"enlargement once turned", [&](cv::Mat& out) {
+         return image_utils::shrink_upright(bgr, 90, {60, 30}, out);
+       }},
+      {"odd NV21 height", [&](cv::Mat& out) {
+         return image_utils::shrink_upright_nv21(frame.bytes.chars(), 64, 47, 0, {40, 30}, out);
+       }},
+      {"four channels", [&](cv::Mat& out) {
+         return image_utils::shrink_upright(cv::Mat(48, 64, CV_8UC4), 0, {40, 30}, out);
+       }},
+      {"empty", [&](cv::Mat& out) {
+         return image_utils::shrink_upright(cv::Mat(), 0, {40, 30}, out);
+       }},
+  };
+  for (const auto& c : cases) {
+    cv::Mat out = untouched;
+    EXPECT_FALSE(c.call(out)) << c.name;
+    EXPECT_EQ(out.data, untouched.data) << c.name;
+  }
+}
 
 // --- Uniform-colour check ------------------------------------------------------------------
 

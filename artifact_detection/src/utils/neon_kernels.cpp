@@ -1,0 +1,734 @@
+// The one Advanced SIMD source of the image kernels (see neon_kernels.h).
+//
+// Built with floating-point contraction off: every product is rounded before it is added, on
+// every compiler and processor, so every build gives the same bytes. The conversion arithmetic
+// is fixed: single precision in 16-column vector blocks, double precision with fused
+// multiply-adds for the columns after the last whole block. Area reductions repeat OpenCV's
+// INTER_AREA arithmetic operation for operation, in its order.
+#include "utils/neon_kernels.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "utils/neon.h"
+
+#ifndef AD_KERNEL_VARIANT
+#define AD_KERNEL_VARIANT native
+#endif
+#define AD_KERNEL_NAME_(x) #x
+#define AD_KERNEL_NAME(x) AD_KERNEL_NAME_(x)
+
+namespace tqr_arm_neon {
+namespace kernels {
+namespace AD_KERNEL_VARIANT {
+namespace {
+
+// Full-range YUV to RGB constants, as single-precision numbers; the scalar columns widen
+// these very values to double.
+constexpr float kChromaOffset = -128.0f;
+constexpr float kVToR = 1.403f;
+constexpr float kUToG = 0.344f;
+constexpr float kVToG = 0.714f;
+constexpr float kUToB = 1.773f;
+
+constexpr int kBlock = 16;  // pixels per vector step; rows per area-kernel pass
+constexpr int kBgrBytes = 3;
+constexpr int kByteMax = 255;
+
+// B, G and R of 16 pixels.
+struct Planes {
+  uint8x16_t c[kBgrBytes];
+};
+
+struct Quads {
+  float32x4_t q[4];
+};
+
+// --- moving bytes --------------------------------------------------------------------------
+
+#if AD_NEON_FAST_TABLES
+// Table index that reads as zero.
+constexpr uint8_t kZ = 0xFF;
+// Quad j takes bytes 4j .. 4j+3.
+alignas(16) const uint8_t kInOrder[4][16] = {{0, kZ, kZ, kZ, 1, kZ, kZ, kZ, 2, kZ, kZ, kZ, 3, kZ, kZ, kZ},
+                                             {4, kZ, kZ, kZ, 5, kZ, kZ, kZ, 6, kZ, kZ, kZ, 7, kZ, kZ, kZ},
+                                             {8, kZ, kZ, kZ, 9, kZ, kZ, kZ, 10, kZ, kZ, kZ, 11, kZ, kZ, kZ},
+                                             {12, kZ, kZ, kZ, 13, kZ, kZ, kZ, 14, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
+// Quad 0 takes bytes 0,4,8,12; quad 1 2,6,10,14; quad 2 1,5,9,13; quad 3 3,7,11,15: the order
+// in which narrow() packs them back with shifts alone.
+alignas(16) const uint8_t kStrided[4][16] = {{0, kZ, kZ, kZ, 4, kZ, kZ, kZ, 8, kZ, kZ, kZ, 12, kZ, kZ, kZ},
+                                             {2, kZ, kZ, kZ, 6, kZ, kZ, kZ, 10, kZ, kZ, kZ, 14, kZ, kZ, kZ},
+                                             {1, kZ, kZ, kZ, 5, kZ, kZ, kZ, 9, kZ, kZ, kZ, 13, kZ, kZ, kZ},
+                                             {3, kZ, kZ, kZ, 7, kZ, kZ, kZ, 11, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
+#endif
+
+inline float32x4_t to_float(uint32x4_t small) {
+  // Every value is a byte, so the signed conversion is exact and the cheapest everywhere.
+  return vcvtq_f32_s32(vreinterpretq_s32_u32(small));
+}
+
+#if !AD_NEON_FAST_TABLES
+// The first four bytes as 32-bit lanes.
+inline uint32x4_t widen_first4(uint8x16_t bytes) {
+  const uint8x16_t lo = vzip1q_u8(bytes, vdupq_n_u8(0));
+  return vreinterpretq_u32_u16(vzip1q_u16(vreinterpretq_u16_u8(lo), vdupq_n_u16(0)));
+}
+#endif
+
+inline Quads in_order(uint8x16_t bytes) {
+  Quads out;
+#if AD_NEON_FAST_TABLES
+  for (int j = 0; j < 4; ++j) {
+    out.q[j] = to_float(vreinterpretq_u32_u8(vqtbl1q_u8(bytes, vld1q_u8(kInOrder[j]))));
+  }
+#else
+  const uint8x16_t z8 = vdupq_n_u8(0);
+  const uint16x8_t z16 = vdupq_n_u16(0);
+  const uint16x8_t lo = vreinterpretq_u16_u8(vzip1q_u8(bytes, z8));
+  const uint16x8_t hi = vreinterpretq_u16_u8(vzip2q_u8(bytes, z8));
+  out.q[0] = to_float(vreinterpretq_u32_u16(vzip1q_u16(lo, z16)));
+  out.q[1] = to_float(vreinterpretq_u32_u16(vzip2q_u16(lo, z16)));
+  out.q[2] = to_float(vreinterpretq_u32_u16(vzip1q_u16(hi, z16)));
+  out.q[3] = to_float(vreinterpretq_u32_u16(vzip2q_u16(hi, z16)));
+#endif
+  return out;
+}
+
+inline Quads strided(uint8x16_t bytes) {
+  Quads out;
+#if AD_NEON_FAST_TABLES
+  for (int j = 0; j < 4; ++j) {
+    out.q[j] = to_float(vreinterpretq_u32_u8(vqtbl1q_u8(bytes, vld1q_u8(kStrided[j]))));
+  }
+#else
+  const uint8x16_t even = vuzp1q_u8(bytes, bytes);
+  const uint8x16_t odd = vuzp2q_u8(bytes, bytes);
+  out.q[0] = to_float(widen_first4(vuzp1q_u8(even, even)));
+  out.q[1] = to_float(widen_first4(vuzp2q_u8(even, even)));
+  out.q[2] = to_float(widen_first4(vuzp1q_u8(odd, odd)));
+  out.q[3] = to_float(widen_first4(vuzp2q_u8(odd, odd)));
+#endif
+  return out;
+}
+
+// Strided quads back to 16 bytes in pixel order, each value truncated toward zero and
+// saturated to 0..255: the same bytes as converting to unsigned and narrowing twice with
+// saturation, for every value the conversion can produce.
+inline uint8x16_t narrow(const Quads& x) {
+  const int32x4_t zero = vdupq_n_s32(0);
+  uint32x4_t w[4];
+  for (int j = 0; j < 4; ++j) w[j] = vreinterpretq_u32_s32(vmaxq_s32(vcvtq_s32_f32(x.q[j]), zero));
+  const uint16x8_t top = vdupq_n_u16(kByteMax);
+  const uint16x8_t a = vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[0], vshlq_n_u32(w[1], 16))), top);
+  const uint16x8_t b = vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[2], vshlq_n_u32(w[3], 16))), top);
+  return vreinterpretq_u8_u16(vorrq_u16(a, vshlq_n_u16(b, 8)));
+}
+
+inline uint8x16_t reverse16(uint8x16_t x) {
+#if AD_NEON_FAST_TABLES
+  alignas(16) static constexpr uint8_t kBackwards[kBlock] = {15, 14, 13, 12, 11, 10, 9, 8,
+                                                             7,  6,  5,  4,  3,  2,  1, 0};
+  return vqtbl1q_u8(x, vld1q_u8(kBackwards));
+#else
+  const uint8x16_t halves = vrev64q_u8(x);
+  return vextq_u8(halves, halves, 8);
+#endif
+}
+
+inline Planes reversed(const Planes& p) {
+  return {{reverse16(p.c[0]), reverse16(p.c[1]), reverse16(p.c[2])}};
+}
+
+#if !(defined(AD_NEON_NATIVE) && AD_NEON_NATIVE) && AD_NEON_FAST_TABLES
+// De-interleaving tables for 48 bytes B,G,R,B,G,R,...: plane ch takes byte 3l+ch into lane l,
+// looked up in the 16-byte part that holds it; the other two parts give 0 there.
+struct Deinterleave {
+  uint8_t index[kBgrBytes][3][kBlock];
+};
+constexpr Deinterleave make_deinterleave() {
+  Deinterleave t{};
+  for (int ch = 0; ch < kBgrBytes; ++ch) {
+    for (int part = 0; part < 3; ++part) {
+      for (int l = 0; l < kBlock; ++l) {
+        const int byte = kBgrBytes * l + ch;
+        t.index[ch][part][l] = byte / kBlock == part ? uint8_t(byte % kBlock) : kZ;
+      }
+    }
+  }
+  return t;
+}
+alignas(16) constexpr Deinterleave kDeinterleave = make_deinterleave();
+#endif
+
+inline Planes load_bgr16(const unsigned char* pixels) {
+#if !(defined(AD_NEON_NATIVE) && AD_NEON_NATIVE) && AD_NEON_FAST_TABLES
+  // SIMDe loads three-way interleaved bytes one at a time; table lookups are far cheaper.
+  const uint8x16_t part[3] = {vld1q_u8(pixels), vld1q_u8(pixels + kBlock),
+                              vld1q_u8(pixels + 2 * kBlock)};
+  Planes p;
+  for (int ch = 0; ch < kBgrBytes; ++ch) {
+    p.c[ch] = vorrq_u8(vorrq_u8(vqtbl1q_u8(part[0], vld1q_u8(kDeinterleave.index[ch][0])),
+                                vqtbl1q_u8(part[1], vld1q_u8(kDeinterleave.index[ch][1]))),
+                       vqtbl1q_u8(part[2], vld1q_u8(kDeinterleave.index[ch][2])));
+  }
+  return p;
+#else
+  const uint8x16x3_t v = vld3q_u8(pixels);
+  return {{v.val[0], v.val[1], v.val[2]}};
+#endif
+}
+
+inline void store_bgr16(unsigned char* pixels, const Planes& p) {
+  uint8x16x3_t v;
+  v.val[0] = p.c[0];
+  v.val[1] = p.c[1];
+  v.val[2] = p.c[2];
+  vst3q_u8(pixels, v);
+}
+
+// Row i becomes column i of 16 rows of 16 bytes. Each round interleaves row i with row i+8;
+// it turns the 8-bit index (row, column) of every byte left by one bit, so four rounds swap
+// row and column. (Zips rather than transposing pairs: SIMDe maps zips to single x86
+// instructions.)
+inline void transpose16(uint8x16_t m[kBlock]) {
+  uint8x16_t t[kBlock];
+  for (int round = 0; round < 4; ++round) {
+    for (int i = 0; i < kBlock / 2; ++i) {
+      t[2 * i] = vzip1q_u8(m[i], m[i + kBlock / 2]);
+      t[2 * i + 1] = vzip2q_u8(m[i], m[i + kBlock / 2]);
+    }
+    for (int i = 0; i < kBlock; ++i) m[i] = t[i];
+  }
+}
+
+// Planes of 16 rows turned into planes of 16 columns: out[j] holds column j, row i in lane i.
+inline void transpose_planes(Planes rows[kBlock], Planes columns[kBlock]) {
+  uint8x16_t m[kBlock];
+  for (int ch = 0; ch < kBgrBytes; ++ch) {
+    for (int i = 0; i < kBlock; ++i) m[i] = rows[i].c[ch];
+    transpose16(m);
+    for (int j = 0; j < kBlock; ++j) columns[j].c[ch] = m[j];
+  }
+}
+
+// `lanes` pixels, `stride` bytes apart from `first`, as planes; other lanes 0.
+inline Planes gather(const unsigned char* first, std::ptrdiff_t stride, int lanes) {
+  alignas(16) unsigned char bytes[kBgrBytes][kBlock] = {};
+  for (int l = 0; l < lanes; ++l) {
+    for (int ch = 0; ch < kBgrBytes; ++ch) bytes[ch][l] = first[stride * l + ch];
+  }
+  return {{vld1q_u8(bytes[0]), vld1q_u8(bytes[1]), vld1q_u8(bytes[2])}};
+}
+
+// --- NV21 to BGR -----------------------------------------------------------------------------
+
+// The chroma products of one 16-column block, for pixel quads in the strided order: [0] for
+// the even chroma pairs (0, 2, 4, 6), [1] for the odd ones.
+struct ChromaTerms {
+  float32x4_t vr[2], ug[2], vg[2], ub[2];
+};
+
+inline ChromaTerms chroma_terms(const unsigned char* vu) {
+  // Strided: V of the even pairs, V of the odd pairs, U of the even pairs, U of the odd pairs.
+  Quads c = strided(vld1q_u8(vu));
+  const float32x4_t offset = vdupq_n_f32(kChromaOffset);
+  for (float32x4_t& q : c.q) q = vaddq_f32(q, offset);
+  const float32x4_t v_to_r = vdupq_n_f32(kVToR), u_to_g = vdupq_n_f32(kUToG);
+  const float32x4_t v_to_g = vdupq_n_f32(kVToG), u_to_b = vdupq_n_f32(kUToB);
+  ChromaTerms t;
+  for (int h = 0; h < 2; ++h) {
+    const float32x4_t v = c.q[h], u = c.q[2 + h];
+    t.vr[h] = vmulq_f32(v, v_to_r);
+    t.ug[h] = vmulq_f32(u, u_to_g);
+    t.vg[h] = vmulq_f32(v, v_to_g);
+    t.ub[h] = vmulq_f32(u, u_to_b);
+  }
+  return t;
+}
+
+// 16 pixels of one row. Strided quad j holds pixels of the even chroma pairs for even j.
+inline Planes convert16(const unsigned char* luma, const ChromaTerms& t) {
+  const Quads y = strided(vld1q_u8(luma));
+  Quads r, g, b;
+  for (int j = 0; j < 4; ++j) {
+    const int h = j & 1;
+    r.q[j] = vaddq_f32(y.q[j], t.vr[h]);
+    g.q[j] = vsubq_f32(vsubq_f32(y.q[j], t.ug[h]), t.vg[h]);
+    b.q[j] = vaddq_f32(y.q[j], t.ub[h]);
+  }
+  return {{narrow(b), narrow(g), narrow(r)}};
+}
+
+inline unsigned char clamp_to_byte(double value) {
+  const int truncated = static_cast<int>(value);
+  return static_cast<unsigned char>(truncated < 0 ? 0 : (truncated > kByteMax ? kByteMax : truncated));
+}
+
+// One pixel in double precision with explicit fused multiply-adds.
+inline void convert_pixel(unsigned char luma, double u, double v, unsigned char* out) {
+  const double y = luma;
+  out[0] = clamp_to_byte(std::fma(static_cast<double>(kUToB), u, y));
+  out[1] = clamp_to_byte(
+      std::fma(-static_cast<double>(kUToG), u, std::fma(-static_cast<double>(kVToG), v, y)));
+  out[2] = clamp_to_byte(std::fma(static_cast<double>(kVToR), v, y));
+}
+
+// Columns `x` (even) to `width` of a row pair by the double-precision path, into B,G,R rows.
+inline void convert_tail(const unsigned char* luma0, const unsigned char* luma1,
+                         const unsigned char* chroma, int x, int width, unsigned char* out0,
+                         unsigned char* out1) {
+  for (; x < width; x += 2) {
+    const double v = chroma[x] + static_cast<double>(kChromaOffset);
+    const double u = chroma[x + 1] + static_cast<double>(kChromaOffset);
+    convert_pixel(luma0[x], u, v, out0 + x * kBgrBytes);
+    convert_pixel(luma0[x + 1], u, v, out0 + (x + 1) * kBgrBytes);
+    convert_pixel(luma1[x], u, v, out1 + x * kBgrBytes);
+    convert_pixel(luma1[x + 1], u, v, out1 + (x + 1) * kBgrBytes);
+  }
+}
+
+// One NV21 frame's geometry.
+struct Frame {
+  const unsigned char* nv21;
+  int width, height;
+  int vector_width() const { return width / kBlock * kBlock; }
+  const unsigned char* luma(int y) const { return nv21 + std::ptrdiff_t(width) * y; }
+  const unsigned char* chroma(int y) const {
+    return nv21 + std::ptrdiff_t(width) * height + std::ptrdiff_t(width) * (y / 2);
+  }
+};
+
+// Rows `y_begin` (even) to `y_end` into `out` (row y_begin first), two rows per pass so that
+// each chroma row is read once.
+void convert_rows(const Frame& f, int y_begin, int y_end, unsigned char* out,
+                  std::ptrdiff_t out_step) {
+  const int vector_width = f.vector_width();
+  for (int y = y_begin; y < y_end; y += 2) {
+    const unsigned char* luma0 = f.luma(y);
+    const unsigned char* luma1 = luma0 + f.width;
+    const unsigned char* chroma = f.chroma(y);
+    unsigned char* out0 = out + out_step * (y - y_begin);
+    unsigned char* out1 = out0 + out_step;
+    int x = 0;
+    for (; x < vector_width; x += kBlock) {
+      const ChromaTerms t = chroma_terms(chroma + x);
+      store_bgr16(out0 + x * kBgrBytes, convert16(luma0 + x, t));
+      store_bgr16(out1 + x * kBgrBytes, convert16(luma1 + x, t));
+    }
+    convert_tail(luma0, luma1, chroma, x, f.width, out0, out1);
+  }
+}
+
+void convert(const unsigned char* nv21, unsigned char* bgr, int width, int height) {
+  if (height < 1 || width < 1) return;
+  convert_rows({nv21, width, height}, 0, height, bgr, std::ptrdiff_t(width) * kBgrBytes);
+}
+
+// --- turning converted rows ------------------------------------------------------------------
+
+inline void copy_pixel(const unsigned char* from, unsigned char* to) {
+  to[0] = from[0];
+  to[1] = from[1];
+  to[2] = from[2];
+}
+
+// `n` converted rows (frame rows y0 ..), `width` pixels each, written turned into the
+// `height`-row frame's turned image.
+void turn_strip(const unsigned char* strip, int width, int n, int y0, int height, int rotation,
+                unsigned char* out, std::ptrdiff_t out_step) {
+  const std::ptrdiff_t strip_step = std::ptrdiff_t(width) * kBgrBytes;
+  const auto in_px = [&](int l, int x) { return strip + strip_step * l + x * kBgrBytes; };
+  if (rotation == 180) {  // row y becomes row height-1-y, read backwards
+    for (int l = 0; l < n; ++l) {
+      unsigned char* row = out + out_step * (height - 1 - y0 - l);
+      int x = 0;
+      for (; x + kBlock <= width; x += kBlock) {
+        store_bgr16(row + (width - kBlock - x) * kBgrBytes, reversed(load_bgr16(in_px(l, x))));
+      }
+      for (; x < width; ++x) copy_pixel(in_px(l, x), row + (width - 1 - x) * kBgrBytes);
+    }
+    return;
+  }
+  // A quarter turn: column x of the strip becomes (part of) row x (270) or width-1-x (90).
+  const bool clockwise = rotation == 90;
+  const auto out_px = [&](int l, int x) {
+    return clockwise ? out + out_step * x + (height - 1 - y0 - l) * kBgrBytes
+                     : out + out_step * (width - 1 - x) + (y0 + l) * kBgrBytes;
+  };
+  int x = 0;
+  if (n == kBlock) {
+    Planes rows[kBlock], columns[kBlock];
+    for (; x + kBlock <= width; x += kBlock) {
+      for (int l = 0; l < kBlock; ++l) rows[l] = load_bgr16(in_px(l, x));
+      transpose_planes(rows, columns);
+      for (int j = 0; j < kBlock; ++j) {
+        // Lane l is strip row l; clockwise it lands at output column height-1-y0-l.
+        if (clockwise) {
+          store_bgr16(out_px(kBlock - 1, x + j), reversed(columns[j]));
+        } else {
+          store_bgr16(out_px(0, x + j), columns[j]);
+        }
+      }
+    }
+  }
+  for (int l = 0; l < n; ++l) {
+    for (int xs = x; xs < width; ++xs) copy_pixel(in_px(l, xs), out_px(l, xs));
+  }
+}
+
+void convert_rotate(const unsigned char* nv21, unsigned char* bgr, int width, int height,
+                    int rotation) {
+  if (rotation != 90 && rotation != 180 && rotation != 270) {
+    convert(nv21, bgr, width, height);
+    return;
+  }
+  if (height < 1 || width < 1) return;
+  const Frame f{nv21, width, height};
+  // One strip of rows at a time, small enough to stay in cache while it is turned. The strip
+  // has room for a whole row pair even when an odd height leaves half of one.
+  std::vector<unsigned char> strip(std::size_t(width) * kBgrBytes * kBlock);
+  const std::ptrdiff_t out_step =
+      std::ptrdiff_t(rotation == 180 ? width : height) * kBgrBytes;
+  for (int y0 = 0; y0 < height; y0 += kBlock) {
+    const int n = std::min(kBlock, height - y0);
+    convert_rows(f, y0, y0 + n, strip.data(), std::ptrdiff_t(width) * kBgrBytes);
+    turn_strip(strip.data(), width, n, y0, height, rotation, bgr, out_step);
+  }
+}
+
+// --- area reduction --------------------------------------------------------------------------
+//
+// The upright image is reduced in passes of up to 16 consecutive upright rows, one row per
+// vector lane. A pass walks the upright columns in order; each column's 16 pixels come from a
+// fetcher that reads them straight out of the stored frame, turned (and, for NV21, converted)
+// on the way, so the upright full-size image is never made. Each column adds its pixels times
+// OpenCV's weights to the sums of its destination columns (the horizontal step); the finished
+// rows are then added with the row weights into the destination rows (the vertical step).
+
+// Horizontal sums of one pass: out[(d * 3 + ch) * 16 + lane] for destination column d.
+class Horizontal {
+ public:
+  Horizontal(const AreaAxis& columns, float* out) : axis_(columns), out_(out) {
+    for (auto& slot : acc_) {
+      for (auto& ch : slot) {
+        for (float32x4_t& q : ch) q = vdupq_n_f32(0.0f);
+      }
+    }
+  }
+
+  void add(int column, const Planes& p) {
+    const int begin = axis_.first[column], end = axis_.first[column + 1];
+    if (begin == end) return;
+    Quads px[kBgrBytes];
+    for (int ch = 0; ch < kBgrBytes; ++ch) px[ch] = in_order(p.c[ch]);
+    for (int e = begin; e < end; ++e) {
+      const int d = axis_.dst[e];
+      while (d > base_ + 1) flush();
+      const float32x4_t w = vdupq_n_f32(axis_.weight[e]);
+      float32x4_t(&acc)[kBgrBytes][4] = acc_[d & 1];
+      for (int ch = 0; ch < kBgrBytes; ++ch) {
+        for (int q = 0; q < 4; ++q) acc[ch][q] = vaddq_f32(acc[ch][q], vmulq_f32(px[ch].q[q], w));
+      }
+    }
+  }
+
+  void finish() {
+    while (base_ < axis_.dst_size) flush();
+  }
+
+ private:
+  void flush() {
+    float32x4_t(&acc)[kBgrBytes][4] = acc_[base_ & 1];
+    float* out = out_ + std::ptrdiff_t(base_) * kBgrBytes * kBlock;
+    for (int ch = 0; ch < kBgrBytes; ++ch) {
+      for (int q = 0; q < 4; ++q) {
+        vst1q_f32(out + ch * kBlock + q * 4, acc[ch][q]);
+        acc[ch][q] = vdupq_n_f32(0.0f);
+      }
+    }
+    ++base_;
+  }
+
+  const AreaAxis& axis_;
+  float* out_;
+  int base_ = 0;
+  float32x4_t acc_[2][kBgrBytes][4];
+};
+
+// Lane-major sums (k-th value of lane l at in[k * 16 + l]) to row-major rows of `count`.
+void lanes_to_rows(const float* in, int count, int lanes, float* rows) {
+  int k = 0;
+  for (; k + 4 <= count; k += 4) {
+    for (int q = 0; q < 4; ++q) {
+      const float32x4_t a0 = vld1q_f32(in + (k + 0) * kBlock + 4 * q);
+      const float32x4_t a1 = vld1q_f32(in + (k + 1) * kBlock + 4 * q);
+      const float32x4_t a2 = vld1q_f32(in + (k + 2) * kBlock + 4 * q);
+      const float32x4_t a3 = vld1q_f32(in + (k + 3) * kBlock + 4 * q);
+      // A 4x4 transpose by zips.
+      const float32x4_t t0 = vzip1q_f32(a0, a2), t1 = vzip2q_f32(a0, a2);
+      const float32x4_t t2 = vzip1q_f32(a1, a3), t3 = vzip2q_f32(a1, a3);
+      const float32x4_t r[4] = {vzip1q_f32(t0, t2), vzip2q_f32(t0, t2), vzip1q_f32(t1, t3),
+                                vzip2q_f32(t1, t3)};
+      for (int i = 0; i < 4; ++i) {
+        if (4 * q + i < lanes) vst1q_f32(rows + std::ptrdiff_t(4 * q + i) * count + k, r[i]);
+      }
+    }
+  }
+  for (; k < count; ++k) {
+    for (int l = 0; l < lanes; ++l) rows[std::ptrdiff_t(l) * count + k] = in[k * kBlock + l];
+  }
+}
+
+// Vertical sums over the upright rows, in order, into the destination rows.
+class Vertical {
+ public:
+  Vertical(const AreaAxis& rows, int count, unsigned char* dst, std::ptrdiff_t dst_step)
+      : axis_(rows), count_(count), sum_(count), dst_(dst), dst_step_(dst_step) {}
+
+  void add(int row, const float* values) {
+    for (int e = axis_.first[row]; e < axis_.first[row + 1]; ++e) {
+      const int d = axis_.dst[e];
+      const float beta = axis_.weight[e];
+      if (d != current_) {
+        if (current_ >= 0) emit();
+        current_ = d;
+        scale(values, beta);
+      } else {
+        accumulate(values, beta);
+      }
+    }
+  }
+
+  void finish() {
+    if (current_ >= 0) emit();
+  }
+
+ private:
+  void scale(const float* values, float beta) {
+    const float32x4_t b = vdupq_n_f32(beta);
+    int k = 0;
+    for (; k + 4 <= count_; k += 4) vst1q_f32(&sum_[k], vmulq_f32(vld1q_f32(values + k), b));
+    for (; k < count_; ++k) sum_[k] = beta * values[k];
+  }
+
+  void accumulate(const float* values, float beta) {
+    const float32x4_t b = vdupq_n_f32(beta);
+    int k = 0;
+    for (; k + 4 <= count_; k += 4) {
+      vst1q_f32(&sum_[k], vaddq_f32(vld1q_f32(&sum_[k]), vmulq_f32(vld1q_f32(values + k), b)));
+    }
+    for (; k < count_; ++k) sum_[k] = sum_[k] + beta * values[k];
+  }
+
+  // Rounded to nearest, ties to even, then saturated: OpenCV's float-to-byte cast.
+  void emit() {
+    unsigned char* out = dst_ + dst_step_ * current_;
+    for (int k = 0; k < count_; ++k) {
+      const long v = std::lrint(sum_[k]);
+      out[k] = static_cast<unsigned char>(v < 0 ? 0 : (v > kByteMax ? kByteMax : v));
+    }
+  }
+
+  const AreaAxis& axis_;
+  int count_;
+  std::vector<float> sum_;
+  unsigned char* dst_;
+  std::ptrdiff_t dst_step_;
+  int current_ = -1;
+};
+
+// Fetchers: column(c, p) gives upright column c of the pass's upright rows r0 .. r0+lanes-1
+// (lanes 0 .. lanes-1), for c = 0, 1, 2, ... in order.
+
+// B,G,R frame turned 90 (clockwise) or 270: the pass's rows are frame columns, contiguous.
+struct QuarterTurnBgr {
+  const unsigned char* src;
+  std::ptrdiff_t step;
+  int width, height, r0, lanes;
+  bool clockwise;
+  void column(int c, Planes& p) const {
+    if (clockwise) {  // upright (r, c) is frame (height-1-c, r)
+      const unsigned char* first = src + step * (height - 1 - c) + r0 * kBgrBytes;
+      p = lanes == kBlock ? load_bgr16(first) : gather(first, kBgrBytes, lanes);
+    } else {  // upright (r, c) is frame (c, width-1-r)
+      const unsigned char* first = src + step * c + (width - 1 - r0) * kBgrBytes;
+      p = lanes == kBlock ? reversed(load_bgr16(first - (kBlock - 1) * kBgrBytes))
+                          : gather(first, -kBgrBytes, lanes);
+    }
+  }
+};
+
+// B,G,R frame upright or turned 180: the pass's rows are frame rows, read in 16x16 tiles and
+// transposed.
+struct TiledBgr {
+  const unsigned char* src;
+  std::ptrdiff_t step;
+  int width, height, r0, lanes;
+  bool half_turn;
+  Planes tile[kBlock];
+  int tile_start = -1;
+
+  TiledBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row,
+           int n, bool half)
+      : src(pixels), step(row_step), width(w), height(h), r0(first_row), lanes(n),
+        half_turn(half) {}
+
+  // Frame position of upright (r0 + l, c).
+  const unsigned char* at(int l, int c) const {
+    return half_turn ? src + step * (height - 1 - r0 - l) + (width - 1 - c) * kBgrBytes
+                     : src + step * (r0 + l) + c * kBgrBytes;
+  }
+
+  void column(int c, Planes& p) {
+    const int start = c / kBlock * kBlock;
+    if (lanes != kBlock || start + kBlock > width) {
+      p = gather(at(0, c), half_turn ? -step : step, lanes);
+      return;
+    }
+    if (start != tile_start) {
+      Planes rows[kBlock];
+      for (int l = 0; l < kBlock; ++l) {
+        // Half turned, the tile's 16 upright columns are frame columns read backwards.
+        rows[l] = load_bgr16(half_turn ? at(l, start + kBlock - 1) : at(l, start));
+      }
+      transpose_planes(rows, tile);
+      tile_start = start;
+    }
+    const int j = c - start;
+    p = tile[half_turn ? kBlock - 1 - j : j];
+  }
+};
+
+// NV21 frame turned 90 or 270: the pass's rows are frame columns; each row pair converted
+// once serves two upright columns.
+struct QuarterTurnNv21 {
+  Frame f;
+  int r0, lanes;
+  bool clockwise;
+  int x0;  // first frame column of the pass: the lowest of its columns
+  Planes pair[2];
+
+  QuarterTurnNv21(const Frame& frame, int first_row, int n, bool cw)
+      : f(frame), r0(first_row), lanes(n), clockwise(cw) {
+    x0 = clockwise ? r0 : f.width - r0 - lanes;
+  }
+
+  void convert_pair(int y) {
+    if (lanes == kBlock && x0 < f.vector_width()) {
+      const ChromaTerms t = chroma_terms(f.chroma(y) + x0);
+      pair[0] = convert16(f.luma(y) + x0, t);
+      pair[1] = convert16(f.luma(y + 1) + x0, t);
+      return;
+    }
+    // The columns after the last whole block: the double-precision path.
+    alignas(16) unsigned char rows[2][kBlock * kBgrBytes] = {};
+    convert_tail(f.luma(y) + x0, f.luma(y + 1) + x0, f.chroma(y) + x0, 0, lanes, rows[0],
+                 rows[1]);
+    for (int i = 0; i < 2; ++i) pair[i] = gather(rows[i], kBgrBytes, kBlock);
+  }
+
+  void column(int c, Planes& p) {
+    // Clockwise upright column c is frame row height-1-c, counter-clockwise frame row c; lane
+    // order follows the frame columns clockwise and runs against them otherwise.
+    const int y = clockwise ? f.height - 1 - c : c;
+    const bool first_of_pair = clockwise ? (y & 1) : !(y & 1);
+    if (first_of_pair) convert_pair(y & ~1);
+    const Planes& row = pair[y & 1];
+    if (clockwise) {
+      p = row;
+    } else if (lanes == kBlock) {
+      p = reversed(row);
+    } else {
+      // lane l is frame column width-1-l = x0 + lanes-1-l
+      alignas(16) unsigned char bytes[kBgrBytes][kBlock] = {};
+      for (int ch = 0; ch < kBgrBytes; ++ch) {
+        vst1q_u8(bytes[ch], row.c[ch]);
+        for (int l = 0; l < lanes / 2; ++l) std::swap(bytes[ch][l], bytes[ch][lanes - 1 - l]);
+      }
+      p = {{vld1q_u8(bytes[0]), vld1q_u8(bytes[1]), vld1q_u8(bytes[2])}};
+    }
+  }
+};
+
+struct Scratch {
+  std::vector<float> horizontal, rows;
+  explicit Scratch(int count)
+      : horizontal(std::size_t(count) * kBlock), rows(std::size_t(count) * kBlock) {}
+};
+
+template <typename Fetch>
+void run_pass(Fetch& fetch, const AreaJob& job, int r0, int lanes, Scratch& s, Vertical& v) {
+  const int count = job.columns->dst_size * kBgrBytes;
+  Horizontal h(*job.columns, s.horizontal.data());
+  Planes p;
+  for (int c = 0; c < job.columns->src_size; ++c) {
+    fetch.column(c, p);
+    h.add(c, p);
+  }
+  h.finish();
+  lanes_to_rows(s.horizontal.data(), count, lanes, s.rows.data());
+  for (int l = 0; l < lanes; ++l) v.add(r0 + l, s.rows.data() + std::ptrdiff_t(l) * count);
+}
+
+void area(const AreaJob& job) {
+  const int count = job.columns->dst_size * kBgrBytes;
+  const int upright_rows = job.rows->src_size;
+  Scratch s(count);
+  Vertical v(*job.rows, count, job.dst, job.dst_step);
+  const bool quarter = job.rotation == 90 || job.rotation == 270;
+  const bool clockwise = job.rotation == 90;
+
+  if (job.pixels == Pixels::kNv21 && quarter) {
+    const Frame f{job.src, job.width, job.height};
+    // Passes follow the converter's 16-column blocks; the columns after the last block make
+    // a narrower pass of their own, first or last in upright order.
+    const int tail = f.width - f.vector_width();
+    std::vector<std::pair<int, int>> passes;  // (first upright row, lanes)
+    if (!clockwise && tail > 0) passes.push_back({0, tail});
+    for (int m = 0; m < f.vector_width() / kBlock; ++m) {
+      passes.push_back({(clockwise ? 0 : tail) + m * kBlock, kBlock});
+    }
+    if (clockwise && tail > 0) passes.push_back({f.vector_width(), tail});
+    for (const auto& [r0, lanes] : passes) {
+      QuarterTurnNv21 fetch(f, r0, lanes, clockwise);
+      run_pass(fetch, job, r0, lanes, s, v);
+    }
+  } else if (job.pixels == Pixels::kNv21) {
+    // Upright or half turned: convert 16 frame rows at a time, then read them in tiles.
+    const Frame f{job.src, job.width, job.height};
+    const bool half = job.rotation == 180;
+    const std::ptrdiff_t strip_step = std::ptrdiff_t(f.width) * kBgrBytes;
+    std::vector<unsigned char> strip(std::size_t(strip_step) * kBlock);
+    for (int r0 = 0; r0 < upright_rows; r0 += kBlock) {
+      const int lanes = std::min(kBlock, upright_rows - r0);
+      const int y0 = half ? f.height - r0 - lanes : r0;
+      convert_rows(f, y0, y0 + lanes, strip.data(), strip_step);
+      TiledBgr fetch(strip.data(), strip_step, f.width, lanes, 0, lanes, half);
+      run_pass(fetch, job, r0, lanes, s, v);
+    }
+  } else {
+    for (int r0 = 0; r0 < upright_rows; r0 += kBlock) {
+      const int lanes = std::min(kBlock, upright_rows - r0);
+      if (quarter) {
+        QuarterTurnBgr fetch{job.src, job.step, job.width, job.height, r0, lanes, clockwise};
+        run_pass(fetch, job, r0, lanes, s, v);
+      } else {
+        TiledBgr fetch(job.src, job.step, job.width, job.height, r0, lanes, job.rotation == 180);
+        run_pass(fetch, job, r0, lanes, s, v);
+      }
+    }
+  }
+  v.finish();
+}
+
+}  // namespace
+
+extern const Variant kVariant;
+const Variant kVariant = {AD_KERNEL_NAME(AD_KERNEL_VARIANT), convert, convert_rotate, area};
+
+}  // namespace AD_KERNEL_VARIANT
+}  // namespace kernels
+}  // namespace tqr_arm_neon
