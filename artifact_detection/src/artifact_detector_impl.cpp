@@ -160,24 +160,40 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
   nnet->get_target_dimen(target_height, target_width);
 
   const auto t0 = std::chrono::steady_clock::now();
+  // Where it can, the frame goes straight to the network's size, turned and (NV21) converted
+  // on the way: the upright full-size image is never made, and the small image has the bytes
+  // that turning and then resizing would give. `upright` is the size that image would have.
+  const cv::Size target(target_width, target_height);
   cv::Mat image;
+  cv::Size upright;
+  bool shrunk = false;
   if (image_format == ArtifactDetector::NV21) {
     AD_LOG_INFO << "TQ Debug: pre-processing image, with tqr_arm_neon::nv21_convert_rotate()";
-    image = tqr_arm_neon::nv21_convert_rotate(buffer, width, height, image_rotation);
+    shrunk = image_utils::shrink_upright_nv21(buffer, width, height, image_rotation, target, image);
+    if (!shrunk) image = tqr_arm_neon::nv21_convert_rotate(buffer, width, height, image_rotation);
+    upright = shrunk ? image_utils::upright_size(width, height, image_rotation) : image.size();
     AD_LOG_INFO << "TQ Debug: pre-processing image(nv21): time taken: "
                 << elapsed_ms(t0, std::chrono::steady_clock::now()) << "ms";
   } else {
     image = get_bgr_mat_from_buffer(buffer, width, height, image_format);
     AD_LOG_INFO << "Rotation parameter being set to: " << image_rotation;
-    image = rotate_image(std::move(image), image_rotation);
+    cv::Mat small;
+    shrunk = image_utils::shrink_upright(image, image_rotation, target, small);
+    if (shrunk) {
+      upright = image_utils::upright_size(image.cols, image.rows, image_rotation);
+      image = small;
+    } else {
+      image = rotate_image(std::move(image), image_rotation);
+      upright = image.size();
+    }
   }
   const auto t1 = std::chrono::steady_clock::now();
-  AD_LOG_INFO << "TQ Debug: NV21 Artifact Detector Pre-Process : width: " << image.cols << " "
-              << " height: " << image.rows << " channels: " << image.channels()
+  AD_LOG_INFO << "TQ Debug: NV21 Artifact Detector Pre-Process : width: " << upright.width << " "
+              << " height: " << upright.height << " channels: " << image.channels()
               << " target_width: " << target_width << "target_height: " << target_height;
   AD_LOG_INFO << "TQ Debug: Artifact Detector Pre-Process : time taken: " << elapsed_ms(t0, t1)
               << " ms";
-  return run_pipeline(std::move(image), target_height, target_width, true);
+  return run_pipeline(std::move(image), target_height, target_width, true, shrunk);
 }
 
 bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
@@ -192,11 +208,11 @@ bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
   nnet->get_target_dimen(target_height, target_width);
   AD_LOGV("TQ Debug: image :  width: %d height : %d channels : %d ", image.cols, image.rows,
           image.channels());
-  return run_pipeline(std::move(image), target_height, target_width, false);
+  return run_pipeline(std::move(image), target_height, target_width, false, false);
 }
 
 bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int target_width,
-                                        bool log_copy_details) {
+                                        bool log_copy_details, bool resized) {
   // A session that never opened has no input size; it could not run anyway, and resizing
   // to nothing would throw out of the caller's frame callback.
   if (target_width <= 0 || target_height <= 0) {
@@ -204,7 +220,15 @@ bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int ta
     return false;
   }
   // Resizing replaces the header's pixels; the caller's buffer is never written.
-  cv::resize(image, image, cv::Size(target_width, target_height), 0, 0, cv::INTER_AREA);
+  if (!resized) {
+    const cv::Size target(target_width, target_height);
+    cv::Mat small;
+    if (image_utils::shrink_upright(image, 0, target, small)) {
+      image = small;
+    } else {
+      cv::resize(image, image, target, 0, 0, cv::INTER_AREA);
+    }
+  }
 
   // The network was trained on JPEG-like input, so every frame passes through it once.
   std::vector<uchar> jpeg;

@@ -58,7 +58,9 @@ class ArtifactDetectorImpl {
   bool mild_blur() const { return mild_blur_found; }
 
  private:
-  bool run_pipeline(cv::Mat image, int target_height, int target_width, bool log_copy_details);
+  // `resized`: the image already has the network's size, made by the area kernels.
+  bool run_pipeline(cv::Mat image, int target_height, int target_width, bool log_copy_details,
+                    bool resized);
   std::string class_name(int id) const;
 
   std::vector<ArtifactInfo> result_artifacts;
