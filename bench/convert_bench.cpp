@@ -120,6 +120,36 @@ void opencv_rotate(benchmark::State& state, cv::Size size, int threads) {
   count_bytes(state, size);
 }
 
+// NV21 straight to the network's input: turned upright by 90 and shrunk by area to 224x224.
+constexpr int kNetworkSide = 224;
+
+void ours_shrink(benchmark::State& state, cv::Size size) {
+  cv::setNumThreads(1);
+  Nv21Input in = nv21_input(size);
+  for (auto _ : state) {
+    cv::Mat small;
+    image_utils::shrink_upright_nv21(reinterpret_cast<char*>(in.bytes.data()), size.width,
+                                     size.height, 90, cv::Size(kNetworkSide, kNetworkSide), small);
+    benchmark::DoNotOptimize(small.data);
+  }
+  count_bytes(state, size);
+}
+
+void opencv_shrink(benchmark::State& state, cv::Size size, int threads) {
+  cv::setNumThreads(threads);
+  Nv21Input in = nv21_input(size);
+  const cv::Mat view(size.height * 3 / 2, size.width, CV_8UC1, in.bytes.data());
+  for (auto _ : state) {
+    cv::Mat bgr, upright, small;
+    cv::cvtColor(view, bgr, cv::COLOR_YUV2BGR_NV21);
+    cv::rotate(bgr, upright, cv::ROTATE_90_CLOCKWISE);
+    cv::resize(upright, small, cv::Size(kNetworkSide, kNetworkSide), 0, 0, cv::INTER_AREA);
+    benchmark::DoNotOptimize(small.data);
+  }
+  cv::setNumThreads(1);
+  count_bytes(state, size);
+}
+
 template <typename F, typename... Args>
 void add(const std::string& name, F f, Args... args) {
   benchmark::RegisterBenchmark(name.c_str(), f, args...)
@@ -151,6 +181,12 @@ void register_convert_benchmarks() {
     add("rotate90/ours/" + s, ours_rotate, size);
     add("rotate90/opencv_1t/" + s, opencv_rotate, size, 1);
     add("rotate90/opencv_mt/" + s, opencv_rotate, size, all_threads);
+  }
+  for (cv::Size size : conversion_sizes()) {
+    const std::string s = size_name(size);
+    add("shrink/ours/" + s, ours_shrink, size);
+    add("shrink/opencv_1t/" + s, opencv_shrink, size, 1);
+    add("shrink/opencv_mt/" + s, opencv_shrink, size, all_threads);
   }
 }
 

@@ -13,6 +13,7 @@
 
 #include "bench.h"
 #include "frames.h"
+#include "utils/neon_kernels.h"
 
 namespace ad_bench {
 namespace {
@@ -99,6 +100,19 @@ void conversion_tables(std::ostream& os, const Table& t) {
     os << "| " << s << " | " << cell(ours) << " | " << cell(cv1) << " | " << cell(cvn) << " | "
        << ratio(ours, cv1) << " | " << ratio(ours, cvn) << " |\n";
   }
+  os << "\n### NV21 to the network's input: rotation 90, area reduction to 224x224\n\n"
+     << "The detector's one pass (`image_utils::shrink_upright_nv21`) against `cvtColor`, "
+        "`cv::rotate` and `cv::resize` with `INTER_AREA`, which give the same bytes.\n\n"
+     << "| frame | ours | OpenCV 1 thread | OpenCV all threads | vs OpenCV 1 thread | vs OpenCV "
+        "all threads |\n"
+     << "|---|---:|---:|---:|---:|---:|\n";
+  for (cv::Size size : conversion_sizes()) {
+    const std::string s = size_name(size);
+    const double ours = t.median("shrink/ours/" + s), cv1 = t.median("shrink/opencv_1t/" + s),
+                 cvn = t.median("shrink/opencv_mt/" + s);
+    os << "| " << s << " | " << cell(ours) << " | " << cell(cv1) << " | " << cell(cvn) << " | "
+       << ratio(ours, cv1) << " | " << ratio(ours, cvn) << " |\n";
+  }
 }
 
 void execute_tables(std::ostream& os, const Table& t) {
@@ -117,9 +131,10 @@ void execute_tables(std::ostream& os, const Table& t) {
   }
   os << "\n### Stages of a run, one thread\n\n"
      << "The run's calls made one by one and timed each (median per stage, milliseconds). "
-        "\"forward pass\" is `NNet::forward_pass`: float conversion, statistics and the "
-        "inference library's execute; \"scoring\" reads the output layer and applies the "
-        "thresholds.\n\n"
+        "\"one pass\" is the frame shrunk to the network's size in one pass, turned (and, for "
+        "NV21, converted) on the way; the stages it replaces show \"-\". \"forward pass\" is "
+        "`NNet::forward_pass`: float conversion, statistics and the inference library's "
+        "execute; \"scoring\" reads the output layer and applies the thresholds.\n\n"
      << "| input |";
   for (const auto& stage : stage_counters()) os << " " << stage.second << " |";
   os << " sum |\n|---|";
@@ -204,6 +219,8 @@ std::string make_report(const Results& results, const Memory& memory, const Cond
         "above 0.\n"
      << "- Build: " << AD_BENCH_BUILD_TYPE << ", " << AD_BENCH_COMPILER << "; OpenCV "
      << CV_VERSION << ", libyuv " << LIBYUV_VERSION << ".\n"
+     << "- Image kernels: the " << tqr_arm_neon::kernels::selected().name
+     << " copy, picked at run time for this processor.\n"
      << "- Model: " << run.model << " (input " << run.input_width << "x" << run.input_height
      << "), on the reference inference library.\n"
      << "- Log lines are formatted at every priority and handed to a logger that drops them; "
