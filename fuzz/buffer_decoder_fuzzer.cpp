@@ -95,9 +95,6 @@ struct Request {
     } else {
       target = size;
     }
-    // Sampling a frame down (or up) needs at least one pixel to sample: the NV21 resampler
-    // reads the first pixel of the source for any target, and does not check.
-    if (routine == kNv21ResizeConvertRotate && size.empty()) target = cv::Size();
   }
 
   std::size_t buffer_bytes() const {

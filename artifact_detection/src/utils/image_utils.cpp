@@ -181,6 +181,8 @@ cv::Mat nv21_convert_rotate(char* nv21, int width, int height, int rotation) {
 
 cv::Mat nv21_resize_convert_rotate(char* nv21, int srcWidth, int srcHeight, int dstWidth,
                                    int dstHeight, int rotation) {
+  // A target with pixels needs a frame with pixels to sample, as cv::resize does.
+  if (dstWidth > 0 && dstHeight > 0) CV_Assert(srcWidth > 0 && srcHeight > 0);
   cv::Mat bgr;
   {
     const auto size = static_cast<std::size_t>(dstHeight * 1.5 * dstWidth);

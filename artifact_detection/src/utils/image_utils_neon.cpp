@@ -148,7 +148,8 @@ int ics_fconvert_nv21torgb_neon(unsigned char* nv21, unsigned char* bgr, int wid
 
 int resize_nv21_buffer(char* src, char* dst, int srcWidth, int srcHeight, int dstWidth,
                        int dstHeight) {
-  if (dstWidth < 1 || dstHeight < 1) return 1;
+  // Nothing to write, or a frame without pixels: nothing to sample.
+  if (dstWidth < 1 || dstHeight < 1 || srcWidth < 1 || srcHeight < 1) return 1;
   // Bytes are read unsigned whatever the signedness of char, so chroma sums never go negative.
   const auto* in = reinterpret_cast<const unsigned char*>(src);
   auto* out = reinterpret_cast<unsigned char*>(dst);

@@ -249,6 +249,22 @@ TEST(Resize, EmptyDestinationWritesNothing) {
   EXPECT_EQ(std::count(dst.data(), dst.data() + 8, 3), 8);
 }
 
+TEST(Resize, FrameWithoutPixelsIsNeverRead) {
+  // The frame's zero bytes end where an inaccessible page begins: any read faults.
+  PageEndBuffer empty(0);
+  PageEndBuffer dst(6);
+  dst.fill(3);
+  for (const cv::Size frame : {cv::Size(0, 0), cv::Size(0, 4), cv::Size(4, 0)}) {
+    EXPECT_EQ(tqr_arm_neon::resize_nv21_buffer(empty.chars(), dst.chars(), frame.width,
+                                               frame.height, 2, 2),
+              1);
+    EXPECT_EQ(std::count(dst.data(), dst.data() + 6, 3), 6);
+    EXPECT_THROW(
+        tqr_arm_neon::nv21_resize_convert_rotate(empty.chars(), frame.width, frame.height, 2, 2, 0),
+        cv::Exception);
+  }
+}
+
 // --- Composite NV21 routines ---------------------------------------------------------------
 
 class Composite : public ::testing::TestWithParam<int> {};
