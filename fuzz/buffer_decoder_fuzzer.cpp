@@ -1,6 +1,7 @@
 // The buffer decoders over arbitrary sizes, rotations, formats and pixels, each with a buffer
 // of exactly the size its format needs (so any read past it is caught), and the uniform-colour
-// check on what they produce.
+// check on what they produce. The one-pass shrinks of a detection run must give the very bytes
+// of turning and then resizing by area, or decline.
 //
 // Within the contract: sizes from 0 up, even for NV21, and a bounded pixel count so that the
 // fuzzer looks for faults rather than for the allocator's limit. OpenCV may refuse an image
@@ -11,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
 #include <vector>
 
 #include "fuzz_support.h"
@@ -28,6 +30,8 @@ enum Routine : int {
   kNv21ConvertRotate,    // the per-frame path of NV21
   kNv21ResizeConvertRotate,
   kNv21ConvertResizeRotate,
+  kShrinkUpright,  // a run's frame of any format but NV21, after its conversion
+  kShrinkUprightNv21,
   kRoutineCount
 };
 
@@ -81,21 +85,28 @@ struct Request {
   int rotation;
   ImageFormat format = ImageFormat::NV21;
   cv::Size size;
-  cv::Size target;  // the composites' destination size
+  cv::Size target;  // the composites' destination size (unrotated), the shrinks' (upright)
 
   explicit Request(FuzzedDataProvider& input)
       : routine(static_cast<Routine>(input.ConsumeIntegralInRange<int>(0, kRoutineCount - 1))),
         rotation(take_rotation(input)) {
-    if (routine == kGetBgrMatThenRotate) {
+    if (routine == kGetBgrMatThenRotate || routine == kShrinkUpright) {
       format = static_cast<ImageFormat>(input.ConsumeIntegral<std::int32_t>());
     }
     size = take_size(input, format == ImageFormat::NV21);
     if (routine == kNv21ResizeConvertRotate || routine == kNv21ConvertResizeRotate) {
       target = take_size(input, true);
+    } else if (routine == kShrinkUpright || routine == kShrinkUprightNv21) {
+      target = take_size(input, false);
     } else {
       target = size;
     }
   }
+
+  bool shrinks() const { return routine == kShrinkUpright || routine == kShrinkUprightNv21; }
+
+  // The size of the image the routine gives.
+  cv::Size result_size() const { return shrinks() ? target : upright(target, rotation); }
 
   std::size_t buffer_bytes() const {
     const std::size_t pixels = static_cast<std::size_t>(size.area());
@@ -124,6 +135,28 @@ cv::Mat decode(const Request& r, char* buffer) {
     case kNv21ConvertResizeRotate:
       return tqr_arm_neon::nv21_convert_resize_rotate(buffer, w, h, r.target.width, r.target.height,
                                                       r.rotation);
+    case kShrinkUpright:
+    case kShrinkUprightNv21: {
+      // The long way of a run: the upright image, resized by area.
+      const cv::Mat turned =
+          r.routine == kShrinkUpright
+              ? rotate_image(get_bgr_mat_from_buffer(buffer, w, h, r.format), r.rotation)
+              : tqr_arm_neon::nv21_convert_rotate(buffer, w, h, r.rotation);
+      cv::Mat shrunk;
+      const bool one_pass =
+          r.routine == kShrinkUpright
+              ? image_utils::shrink_upright(get_bgr_mat_from_buffer(buffer, w, h, r.format),
+                                            r.rotation, r.target, shrunk)
+              : image_utils::shrink_upright_nv21(buffer, w, h, r.rotation, r.target, shrunk);
+      cv::Mat resized;
+      cv::resize(turned, resized, r.target, 0, 0, cv::INTER_AREA);
+      if (one_pass) {
+        ad_fuzz::check(shrunk.size() == resized.size() && shrunk.type() == resized.type() &&
+                           cv::norm(shrunk, resized, cv::NORM_INF) == 0,
+                       "a one-pass shrink gives the bytes of turning, then resizing by area");
+      }
+      return resized;
+    }
     case kRoutineCount:
       break;
   }
@@ -142,7 +175,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Request request(input);
   std::vector<char> buffer = take_pixels(input, request.buffer_bytes());
   try {
-    check_image(decode(request, buffer.data()), upright(request.target, request.rotation));
+    check_image(decode(request, buffer.data()), request.result_size());
   } catch (const cv::Exception&) {
     // OpenCV may refuse a frame or a target without pixels, and nothing else.
     ad_fuzz::check(request.size.empty() || request.target.empty(),

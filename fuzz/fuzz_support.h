@@ -4,6 +4,7 @@
 
 #include <android/log.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -34,11 +35,17 @@ inline void check(bool ok, const char* what) {
   if (!ok) fail(what);
 }
 
-// A directory of its own under the system's temporary area for the process's lifetime.
+// A directory of its own for the process's lifetime: in shared memory when the system has it
+// (a file written per input costs a disk thirty times the runs), else in the temporary area.
 class ScratchDir {
  public:
   ScratchDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ad_fuzz_XXXXXX").string();
+    const char* memory = "/dev/shm";
+    const std::filesystem::path parent =
+        std::getenv("TMPDIR") == nullptr && access(memory, W_OK) == 0
+            ? std::filesystem::path(memory)
+            : std::filesystem::temp_directory_path();
+    std::string pattern = (parent / "ad_fuzz_XXXXXX").string();
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     if (mkdtemp(name.data()) == nullptr) fail("mkdtemp");
