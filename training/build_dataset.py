@@ -376,7 +376,7 @@ def main():
     p = argparse.ArgumentParser()
     p.add_argument("--seed", type=int, default=20240611)
     p.add_argument("--net-size", type=int, default=224)
-    p.add_argument("--train", type=int, default=12000)
+    p.add_argument("--train", type=int, default=16000)
     p.add_argument("--val", type=int, default=3000)
     p.add_argument("--val-fraction", type=float, default=0.2)
     p.add_argument("--workers", type=int, default=2)

@@ -16,6 +16,7 @@ import time
 
 import cv2
 import numpy as np
+import onnx
 import torch
 
 import model as M
@@ -99,6 +100,27 @@ def export_onnx(net, size, path):
     dummy = torch.zeros(1, 3, size, size)
     torch.onnx.export(net, dummy, path, opset_version=OPSET, input_names=["input"],
                       output_names=["Identity"], do_constant_folding=True)
+    inline_constant_identities(path)
+
+
+def inline_constant_identities(path):
+    """The exporter shares equal weight tensors through Identity nodes, which
+    OpenCV's reader cannot take; give each user its own copy instead."""
+    m = onnx.load(path)
+    inits = {t.name: t for t in m.graph.initializer}
+    keep = []
+    for node in m.graph.node:
+        if node.op_type == "Identity" and node.input[0] in inits:
+            copy = onnx.TensorProto()
+            copy.CopyFrom(inits[node.input[0]])
+            copy.name = node.output[0]
+            m.graph.initializer.append(copy)
+        else:
+            keep.append(node)
+    del m.graph.node[:]
+    m.graph.node.extend(keep)
+    onnx.checker.check_model(m)
+    onnx.save(m, path)
 
 
 def dnn_logits(path, x_u8):

@@ -13,9 +13,9 @@ cd "$here"
 # Debian's interpreter: torch and OpenCV come from its packages, whatever
 # other python3 may come first on PATH.
 py=/usr/bin/python3
-train_samples="${TRAIN_SAMPLES:-8000}"
+train_samples="${TRAIN_SAMPLES:-16000}"
 val_samples="${VAL_SAMPLES:-3000}"
-epochs="${EPOCHS:-14}"
+epochs="${EPOCHS:-16}"
 run="${RUN:-runs/$(date +%Y%m%d-%H%M%S)}"
 mkdir -p "$run"
 
