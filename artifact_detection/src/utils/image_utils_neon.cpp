@@ -94,27 +94,29 @@ std::vector<Entry> area_table(int src_size, int dst_size, double scale) {
   return table;
 }
 
-// The table regrouped by source index (a stable sort keeps each destination's order), checked
-// against the kernels' window of two destinations.
+// The table with its two groupings. The kernels walk it by destination for the columns and by
+// source for the rows, so source indices must ascend along the table as destination indices
+// do; OpenCV's tables for area reductions always do, and any other is declined.
 bool build_axis(int src_size, int dst_size, double scale, AreaAxis& axis) {
-  std::vector<Entry> table = area_table(src_size, dst_size, scale);
-  std::stable_sort(table.begin(), table.end(),
-                   [](const Entry& a, const Entry& b) { return a.src < b.src; });
+  const std::vector<Entry> table = area_table(src_size, dst_size, scale);
   axis.src_size = src_size;
   axis.dst_size = dst_size;
-  axis.first.assign(std::size_t(src_size) + 1, 0);
+  axis.src.clear();
   axis.dst.clear();
   axis.weight.clear();
-  int base = 0;
-  for (const Entry& e : table) {
-    if (e.src < 0 || e.src >= src_size || e.dst < 0 || e.dst >= dst_size) return false;
-    while (e.dst > base + 1) ++base;
-    if (e.dst < base) return false;
-    ++axis.first[std::size_t(e.src) + 1];
+  axis.src_first.assign(std::size_t(src_size) + 1, 0);
+  axis.dst_first.assign(std::size_t(dst_size) + 1, 0);
+  for (std::size_t k = 0; k < table.size(); ++k) {
+    const Entry& e = table[k];
+    if (e.src < 0 || e.src >= src_size || (k > 0 && e.src < table[k - 1].src)) return false;
+    axis.src.push_back(e.src);
     axis.dst.push_back(e.dst);
     axis.weight.push_back(e.weight);
+    ++axis.src_first[std::size_t(e.src) + 1];
+    ++axis.dst_first[std::size_t(e.dst) + 1];
   }
-  for (int s = 0; s < src_size; ++s) axis.first[std::size_t(s) + 1] += axis.first[s];
+  for (int s = 0; s < src_size; ++s) axis.src_first[s + 1] += axis.src_first[s];
+  for (int d = 0; d < dst_size; ++d) axis.dst_first[d + 1] += axis.dst_first[d];
   return true;
 }
 

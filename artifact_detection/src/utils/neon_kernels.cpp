@@ -249,17 +249,34 @@ inline ChromaTerms chroma_terms(const unsigned char* vu) {
   return t;
 }
 
-// 16 pixels of one row. Strided quad j holds pixels of the even chroma pairs for even j.
-inline Planes convert16(const unsigned char* luma, const ChromaTerms& t) {
+// B, G and R of 16 pixels of one row before truncation, in the strided order (strided quad j
+// holds pixels of the even chroma pairs for even j).
+inline void convert16_sums(const unsigned char* luma, const ChromaTerms& t, Quads bgr[kBgrBytes]) {
   const Quads y = strided(vld1q_u8(luma));
-  Quads r, g, b;
   for (int j = 0; j < 4; ++j) {
     const int h = j & 1;
-    r.q[j] = vaddq_f32(y.q[j], t.vr[h]);
-    g.q[j] = vsubq_f32(vsubq_f32(y.q[j], t.ug[h]), t.vg[h]);
-    b.q[j] = vaddq_f32(y.q[j], t.ub[h]);
+    bgr[0].q[j] = vaddq_f32(y.q[j], t.ub[h]);
+    bgr[1].q[j] = vsubq_f32(vsubq_f32(y.q[j], t.ug[h]), t.vg[h]);
+    bgr[2].q[j] = vaddq_f32(y.q[j], t.vr[h]);
   }
-  return {{narrow(b), narrow(g), narrow(r)}};
+}
+
+// 16 converted pixels of one row.
+inline Planes convert16(const unsigned char* luma, const ChromaTerms& t) {
+  Quads bgr[kBgrBytes];
+  convert16_sums(luma, t, bgr);
+  return {{narrow(bgr[0]), narrow(bgr[1]), narrow(bgr[2])}};
+}
+
+// The same pixels as the float values of the bytes convert16 gives, strided: truncation of
+// the value clamped to 0..255 is exactly the byte the saturating conversion makes.
+inline void convert16_values(const unsigned char* luma, const ChromaTerms& t,
+                             Quads bgr[kBgrBytes]) {
+  convert16_sums(luma, t, bgr);
+  const float32x4_t zero = vdupq_n_f32(0.0f), top = vdupq_n_f32(float(kByteMax));
+  for (int ch = 0; ch < kBgrBytes; ++ch) {
+    for (float32x4_t& q : bgr[ch].q) q = vrndq_f32(vminq_f32(vmaxq_f32(q, zero), top));
+  }
 }
 
 inline unsigned char clamp_to_byte(double value) {
@@ -402,64 +419,45 @@ void convert_rotate(const unsigned char* nv21, unsigned char* bgr, int width, in
 // --- area reduction --------------------------------------------------------------------------
 //
 // The upright image is reduced in passes of up to 16 consecutive upright rows, one row per
-// vector lane. A pass walks the upright columns in order; each column's 16 pixels come from a
-// fetcher that reads them straight out of the stored frame, turned (and, for NV21, converted)
-// on the way, so the upright full-size image is never made. Each column adds its pixels times
-// OpenCV's weights to the sums of its destination columns (the horizontal step); the finished
-// rows are then added with the row weights into the destination rows (the vertical step).
+// vector lane. A pass walks the destination columns in order; the 16 pixels of each upright
+// column come from a fetcher that reads them straight out of the stored frame, turned (and,
+// for NV21, converted) on the way, so the upright full-size image is never made. Each
+// destination column sums its source columns times OpenCV's weights (the horizontal step);
+// the finished rows are then added with the row weights into the destination rows (the
+// vertical step).
 
-// Horizontal sums of one pass: out[(d * 3 + ch) * 16 + lane] for destination column d.
-class Horizontal {
- public:
-  Horizontal(const AreaAxis& columns, float* out) : axis_(columns), out_(out) {
-    for (auto& slot : acc_) {
-      for (auto& ch : slot) {
-        for (float32x4_t& q : ch) q = vdupq_n_f32(0.0f);
-      }
+// Horizontal sums of one pass: out[(d * 3 + ch) * 16 + lane] for destination column d, each
+// built in registers over its source columns in table order. A column shared by two
+// destinations is fetched once.
+template <typename Fetch>
+void horizontal(Fetch& fetch, const AreaAxis& axis, float* out) {
+  int fetched = -1;
+  const Quads* px = nullptr;
+  for (int d = 0; d < axis.dst_size; ++d) {
+    float32x4_t acc[kBgrBytes][4];
+    for (auto& ch : acc) {
+      for (float32x4_t& q : ch) q = vdupq_n_f32(0.0f);
     }
-  }
-
-  void add(int column, const Planes& p) {
-    const int begin = axis_.first[column], end = axis_.first[column + 1];
-    if (begin == end) return;
-    Quads px[kBgrBytes];
-    for (int ch = 0; ch < kBgrBytes; ++ch) px[ch] = in_order(p.c[ch]);
-    for (int e = begin; e < end; ++e) {
-      const int d = axis_.dst[e];
-      while (d > base_ + 1) flush();
-      const float32x4_t w = vdupq_n_f32(axis_.weight[e]);
-      float32x4_t(&acc)[kBgrBytes][4] = acc_[d & 1];
+    for (int e = axis.dst_first[d]; e < axis.dst_first[d + 1]; ++e) {
+      if (axis.src[e] != fetched) {
+        fetched = axis.src[e];
+        px = fetch.column(fetched);
+      }
+      const float32x4_t w = vdupq_n_f32(axis.weight[e]);
       for (int ch = 0; ch < kBgrBytes; ++ch) {
         for (int q = 0; q < 4; ++q) acc[ch][q] = vaddq_f32(acc[ch][q], vmulq_f32(px[ch].q[q], w));
       }
     }
-  }
-
-  void finish() {
-    while (base_ < axis_.dst_size) flush();
-  }
-
- private:
-  void flush() {
-    float32x4_t(&acc)[kBgrBytes][4] = acc_[base_ & 1];
-    float* out = out_ + std::ptrdiff_t(base_) * kBgrBytes * kBlock;
+    float* o = out + std::ptrdiff_t(d) * kBgrBytes * kBlock;
     for (int ch = 0; ch < kBgrBytes; ++ch) {
-      for (int q = 0; q < 4; ++q) {
-        vst1q_f32(out + ch * kBlock + q * 4, acc[ch][q]);
-        acc[ch][q] = vdupq_n_f32(0.0f);
-      }
+      for (int q = 0; q < 4; ++q) vst1q_f32(o + ch * kBlock + q * 4, acc[ch][q]);
     }
-    ++base_;
   }
+}
 
-  const AreaAxis& axis_;
-  float* out_;
-  int base_ = 0;
-  float32x4_t acc_[2][kBgrBytes][4];
-};
-
-// Lane-major sums (k-th value of lane l at in[k * 16 + l]) to row-major rows of `count`.
-void lanes_to_rows(const float* in, int count, int lanes, float* rows) {
+// Lane-major sums (k-th value of lane l at in[k * 16 + l]) to row-major rows of `count`; lane
+// l holds row lane_rows[l], rows from `lanes` on are not kept.
+void lanes_to_rows(const float* in, int count, int lanes, const int* lane_rows, float* rows) {
   int k = 0;
   for (; k + 4 <= count; k += 4) {
     for (int q = 0; q < 4; ++q) {
@@ -473,12 +471,15 @@ void lanes_to_rows(const float* in, int count, int lanes, float* rows) {
       const float32x4_t r[4] = {vzip1q_f32(t0, t2), vzip2q_f32(t0, t2), vzip1q_f32(t1, t3),
                                 vzip2q_f32(t1, t3)};
       for (int i = 0; i < 4; ++i) {
-        if (4 * q + i < lanes) vst1q_f32(rows + std::ptrdiff_t(4 * q + i) * count + k, r[i]);
+        const int row = lane_rows[4 * q + i];
+        if (row < lanes) vst1q_f32(rows + std::ptrdiff_t(row) * count + k, r[i]);
       }
     }
   }
   for (; k < count; ++k) {
-    for (int l = 0; l < lanes; ++l) rows[std::ptrdiff_t(l) * count + k] = in[k * kBlock + l];
+    for (int l = 0; l < kBlock; ++l) {
+      if (lane_rows[l] < lanes) rows[std::ptrdiff_t(lane_rows[l]) * count + k] = in[k * kBlock + l];
+    }
   }
 }
 
@@ -489,7 +490,7 @@ class Vertical {
       : axis_(rows), count_(count), sum_(count), dst_(dst), dst_step_(dst_step) {}
 
   void add(int row, const float* values) {
-    for (int e = axis_.first[row]; e < axis_.first[row + 1]; ++e) {
+    for (int e = axis_.src_first[row]; e < axis_.src_first[row + 1]; ++e) {
       const int d = axis_.dst[e];
       const float beta = axis_.weight[e];
       if (d != current_) {
@@ -540,8 +541,20 @@ class Vertical {
   int current_ = -1;
 };
 
-// Fetchers: column(c, p) gives upright column c of the pass's upright rows r0 .. r0+lanes-1
-// (lanes 0 .. lanes-1), for c = 0, 1, 2, ... in order.
+// Fetchers: column(c) gives upright column c of the pass's upright rows r0 .. r0+lanes-1 as
+// the floats of its bytes, for ascending c (a column may be asked for twice in a row); lane
+// l (quad l/4, lane l%4) holds upright row r0 + lane_rows[l].
+
+// Row of each lane when quads hold lanes in order, when they hold the strided order, and the
+// strided order running backwards.
+constexpr int kInOrderRows[kBlock] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15};
+constexpr int kStridedRows[kBlock] = {0, 4, 8, 12, 2, 6, 10, 14, 1, 5, 9, 13, 3, 7, 11, 15};
+constexpr int kStridedBackwardsRows[kBlock] = {15, 11, 7, 3, 13, 9, 5, 1,
+                                               14, 10, 6, 2, 12, 8, 4, 0};
+
+inline void widen_planes(const Planes& p, Quads px[kBgrBytes]) {
+  for (int ch = 0; ch < kBgrBytes; ++ch) px[ch] = in_order(p.c[ch]);
+}
 
 // B,G,R frame turned 90 (clockwise) or 270: the pass's rows are frame columns, contiguous.
 struct QuarterTurnBgr {
@@ -549,7 +562,16 @@ struct QuarterTurnBgr {
   std::ptrdiff_t step;
   int width, height, r0, lanes;
   bool clockwise;
-  void column(int c, Planes& p) const {
+  const int* lane_rows = kInOrderRows;
+  Quads px[kBgrBytes];
+
+  QuarterTurnBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h,
+                 int first_row, int n, bool cw)
+      : src(pixels), step(row_step), width(w), height(h), r0(first_row), lanes(n),
+        clockwise(cw) {}
+
+  const Quads* column(int c) {
+    Planes p;
     if (clockwise) {  // upright (r, c) is frame (height-1-c, r)
       const unsigned char* first = src + step * (height - 1 - c) + r0 * kBgrBytes;
       p = lanes == kBlock ? load_bgr16(first) : gather(first, kBgrBytes, lanes);
@@ -558,6 +580,8 @@ struct QuarterTurnBgr {
       p = lanes == kBlock ? reversed(load_bgr16(first - (kBlock - 1) * kBgrBytes))
                           : gather(first, -kBgrBytes, lanes);
     }
+    widen_planes(p, px);
+    return px;
   }
 };
 
@@ -568,8 +592,10 @@ struct TiledBgr {
   std::ptrdiff_t step;
   int width, height, r0, lanes;
   bool half_turn;
+  const int* lane_rows = kInOrderRows;
   Planes tile[kBlock];
   int tile_start = -1;
+  Quads px[kBgrBytes];
 
   TiledBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row,
            int n, bool half)
@@ -582,11 +608,11 @@ struct TiledBgr {
                      : src + step * (r0 + l) + c * kBgrBytes;
   }
 
-  void column(int c, Planes& p) {
+  const Quads* column(int c) {
     const int start = c / kBlock * kBlock;
     if (lanes != kBlock || start + kBlock > width) {
-      p = gather(at(0, c), half_turn ? -step : step, lanes);
-      return;
+      widen_planes(gather(at(0, c), half_turn ? -step : step, lanes), px);
+      return px;
     }
     if (start != tile_start) {
       Planes rows[kBlock];
@@ -598,58 +624,58 @@ struct TiledBgr {
       tile_start = start;
     }
     const int j = c - start;
-    p = tile[half_turn ? kBlock - 1 - j : j];
+    widen_planes(tile[half_turn ? kBlock - 1 - j : j], px);
+    return px;
   }
 };
 
 // NV21 frame turned 90 or 270: the pass's rows are frame columns; each row pair converted
-// once serves two upright columns.
+// once serves two upright columns. Whole blocks come straight from the converter's float
+// arithmetic in its strided order; the columns after the last block from its double path.
 struct QuarterTurnNv21 {
   Frame f;
   int r0, lanes;
   bool clockwise;
   int x0;  // first frame column of the pass: the lowest of its columns
-  Planes pair[2];
+  const int* lane_rows = kInOrderRows;
+  Quads pair[2][kBgrBytes];
+  int pair_row = -1;  // frame row of pair[0]
 
   QuarterTurnNv21(const Frame& frame, int first_row, int n, bool cw)
       : f(frame), r0(first_row), lanes(n), clockwise(cw) {
     x0 = clockwise ? r0 : f.width - r0 - lanes;
+    // Clockwise, lane order follows the frame columns; otherwise it runs against them.
+    if (whole_block()) lane_rows = clockwise ? kStridedRows : kStridedBackwardsRows;
   }
 
+  bool whole_block() const { return lanes == kBlock && x0 < f.vector_width(); }
+
   void convert_pair(int y) {
-    if (lanes == kBlock && x0 < f.vector_width()) {
+    if (whole_block()) {
       const ChromaTerms t = chroma_terms(f.chroma(y) + x0);
-      pair[0] = convert16(f.luma(y) + x0, t);
-      pair[1] = convert16(f.luma(y + 1) + x0, t);
+      convert16_values(f.luma(y) + x0, t, pair[0]);
+      convert16_values(f.luma(y + 1) + x0, t, pair[1]);
       return;
     }
-    // The columns after the last whole block: the double-precision path.
     alignas(16) unsigned char rows[2][kBlock * kBgrBytes] = {};
     convert_tail(f.luma(y) + x0, f.luma(y + 1) + x0, f.chroma(y) + x0, 0, lanes, rows[0],
                  rows[1]);
-    for (int i = 0; i < 2; ++i) pair[i] = gather(rows[i], kBgrBytes, kBlock);
+    for (int i = 0; i < 2; ++i) {
+      // Lane l is frame column x0 + l clockwise, x0 + lanes-1-l otherwise.
+      widen_planes(clockwise ? gather(rows[i], kBgrBytes, lanes)
+                             : gather(rows[i] + (lanes - 1) * kBgrBytes, -kBgrBytes, lanes),
+                   pair[i]);
+    }
   }
 
-  void column(int c, Planes& p) {
-    // Clockwise upright column c is frame row height-1-c, counter-clockwise frame row c; lane
-    // order follows the frame columns clockwise and runs against them otherwise.
+  const Quads* column(int c) {
+    // Clockwise upright column c is frame row height-1-c, counter-clockwise frame row c.
     const int y = clockwise ? f.height - 1 - c : c;
-    const bool first_of_pair = clockwise ? (y & 1) : !(y & 1);
-    if (first_of_pair) convert_pair(y & ~1);
-    const Planes& row = pair[y & 1];
-    if (clockwise) {
-      p = row;
-    } else if (lanes == kBlock) {
-      p = reversed(row);
-    } else {
-      // lane l is frame column width-1-l = x0 + lanes-1-l
-      alignas(16) unsigned char bytes[kBgrBytes][kBlock] = {};
-      for (int ch = 0; ch < kBgrBytes; ++ch) {
-        vst1q_u8(bytes[ch], row.c[ch]);
-        for (int l = 0; l < lanes / 2; ++l) std::swap(bytes[ch][l], bytes[ch][lanes - 1 - l]);
-      }
-      p = {{vld1q_u8(bytes[0]), vld1q_u8(bytes[1]), vld1q_u8(bytes[2])}};
+    if ((y & ~1) != pair_row) {
+      pair_row = y & ~1;
+      convert_pair(pair_row);
     }
+    return pair[y & 1];
   }
 };
 
@@ -662,14 +688,8 @@ struct Scratch {
 template <typename Fetch>
 void run_pass(Fetch& fetch, const AreaJob& job, int r0, int lanes, Scratch& s, Vertical& v) {
   const int count = job.columns->dst_size * kBgrBytes;
-  Horizontal h(*job.columns, s.horizontal.data());
-  Planes p;
-  for (int c = 0; c < job.columns->src_size; ++c) {
-    fetch.column(c, p);
-    h.add(c, p);
-  }
-  h.finish();
-  lanes_to_rows(s.horizontal.data(), count, lanes, s.rows.data());
+  horizontal(fetch, *job.columns, s.horizontal.data());
+  lanes_to_rows(s.horizontal.data(), count, lanes, fetch.lane_rows, s.rows.data());
   for (int l = 0; l < lanes; ++l) v.add(r0 + l, s.rows.data() + std::ptrdiff_t(l) * count);
 }
 
@@ -713,7 +733,7 @@ void area(const AreaJob& job) {
     for (int r0 = 0; r0 < upright_rows; r0 += kBlock) {
       const int lanes = std::min(kBlock, upright_rows - r0);
       if (quarter) {
-        QuarterTurnBgr fetch{job.src, job.step, job.width, job.height, r0, lanes, clockwise};
+        QuarterTurnBgr fetch(job.src, job.step, job.width, job.height, r0, lanes, clockwise);
         run_pass(fetch, job, r0, lanes, s, v);
       } else {
         TiledBgr fetch(job.src, job.step, job.width, job.height, r0, lanes, job.rotation == 180);

@@ -11,15 +11,17 @@
 namespace tqr_arm_neon {
 namespace kernels {
 
-// One axis of an area reduction, as OpenCV's INTER_AREA weighs it: source index s adds to
-// destination index dst[k] with weight[k], for k from first[s] to first[s + 1] - 1, in the
-// order of OpenCV's table.
+// One axis of an area reduction: OpenCV's INTER_AREA table in its order, entry k adding
+// source index src[k] to destination index dst[k] with weight[k]. Destination indices ascend,
+// and so do source indices (plan_area declines tables where they would not), so the entries
+// of source s are src_first[s] .. src_first[s + 1] - 1 and those of destination d are
+// dst_first[d] .. dst_first[d + 1] - 1, each group in table order.
 struct AreaAxis {
   int src_size = 0;
   int dst_size = 0;
-  std::vector<int> first;
-  std::vector<int> dst;
+  std::vector<int> src, dst;
   std::vector<float> weight;
+  std::vector<int> src_first, dst_first;
 };
 
 enum class Pixels { kBgr, kNv21 };
