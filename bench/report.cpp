@@ -41,14 +41,15 @@ std::string ms_text(double ms) { return fixed(ms, ms < 1 ? 3 : (ms < 10 ? 2 : 1)
 
 class Table {
  public:
-  explicit Table(const Results& results) : results_(results) {}
+  Table(const Results& results, bool cpu) : results_(results), cpu_(cpu) {}
 
   // Median time of a benchmark, or a negative value when it did not run.
   double median(const std::string& name, const std::string& aggregate = "median") const {
     const auto it = results_.find(name);
     if (it == results_.end()) return -1;
-    const auto value = it->second.ms.find(aggregate);
-    return value == it->second.ms.end() ? -1 : value->second;
+    const auto& times = cpu_ ? it->second.cpu_ms : it->second.ms;
+    const auto value = times.find(aggregate);
+    return value == times.end() ? -1 : value->second;
   }
   double counter(const std::string& name, const std::string& counter) const {
     const auto it = results_.find(name);
@@ -61,6 +62,7 @@ class Table {
 
  private:
   const Results& results_;
+  bool cpu_;
 };
 
 std::string cell(double ms) { return ms < 0 ? "-" : ms_text(ms); }
@@ -152,6 +154,32 @@ void execute_tables(std::ostream& os, const Table& t) {
   }
 }
 
+// One-thread comparisons again in CPU time of the calling thread, which other work on the
+// machine disturbs far less than elapsed time.
+void cpu_tables(std::ostream& os, const Table& t) {
+  os << "\n### The one-thread comparisons in CPU time\n\n"
+     << "CPU time of the calling thread, median, milliseconds; ratios ours / peer.\n\n"
+     << "| frame | conversion: ours | libyuv | OpenCV | memcpy | vs libyuv | vs OpenCV | "
+        "rotation 90: ours | OpenCV | vs OpenCV | to 224x224: ours | OpenCV | vs OpenCV |\n"
+     << "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n";
+  for (cv::Size size : conversion_sizes()) {
+    const std::string s = size_name(size);
+    const double ours = t.median("convert/ours/" + s), yuv = t.median("convert/libyuv/" + s),
+                 cv1 = t.median("convert/opencv_1t/" + s), mem = t.median("convert/memcpy/" + s),
+                 rot = t.median("rotate90/ours/" + s), rot_cv = t.median("rotate90/opencv_1t/" + s),
+                 shr = t.median("shrink/ours/" + s), shr_cv = t.median("shrink/opencv_1t/" + s);
+    os << "| " << s << " | " << cell(ours) << " | " << cell(yuv) << " | " << cell(cv1) << " | "
+       << cell(mem) << " | " << ratio(ours, yuv) << " | " << ratio(ours, cv1) << " | "
+       << cell(rot) << " | " << cell(rot_cv) << " | " << ratio(rot, rot_cv) << " | " << cell(shr)
+       << " | " << cell(shr_cv) << " | " << ratio(shr, shr_cv) << " |\n";
+  }
+  os << "\n| input | execute median, 1 thread | p99, 1 thread |\n|---|---:|---:|\n";
+  for (const ExecuteCase& c : execute_cases()) {
+    os << "| " << c.heading << " | " << cell(t.median("execute/" + c.key)) << " | "
+       << cell(t.median("execute/" + c.key, "p99")) << " |\n";
+  }
+}
+
 void memory_table(std::ostream& os, const Memory& m) {
   os << "\n### Resident memory, one detector, NV21 4000x3000 frames with rotation 90\n\n";
   if (m.frames == 0) {
@@ -180,6 +208,7 @@ void CollectingReporter::ReportRuns(const std::vector<Run>& runs) {
     if (run.run_type != Run::RT_Aggregate) continue;
     Result& r = results_[run.run_name.function_name];
     r.ms[run.aggregate_name] = run.GetAdjustedRealTime();
+    r.cpu_ms[run.aggregate_name] = run.GetAdjustedCPUTime();
     for (const auto& [name, counter] : run.counters) {
       r.counters[run.aggregate_name][name] = counter.value;
     }
@@ -225,9 +254,10 @@ std::string make_report(const Results& results, const Memory& memory, const Cond
      << "), on the reference inference library.\n"
      << "- Log lines are formatted at every priority and handed to a logger that drops them; "
         "the diagnostic line on standard output goes to a null stream.\n\n";
-  const Table table(results);
+  const Table table(results, false);
   conversion_tables(os, table);
   execute_tables(os, table);
+  cpu_tables(os, Table(results, true));
   memory_table(os, memory);
   os << kEnd << "\n";
   return os.str();

@@ -14,6 +14,7 @@ namespace ad_bench {
 // ("median", "p99", ...).
 struct Result {
   std::map<std::string, double> ms;
+  std::map<std::string, double> cpu_ms;  // the calling thread's CPU time
   std::map<std::string, std::map<std::string, double>> counters;
 };
 using Results = std::map<std::string, Result>;
