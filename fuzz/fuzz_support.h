@@ -41,10 +41,13 @@ class ScratchDir {
  public:
   ScratchDir() {
     const char* memory = "/dev/shm";
-    const std::filesystem::path parent =
-        std::getenv("TMPDIR") == nullptr && access(memory, W_OK) == 0
-            ? std::filesystem::path(memory)
-            : std::filesystem::temp_directory_path();
+    const char* tmpdir = std::getenv("TMPDIR");
+    std::filesystem::path parent = "/tmp";
+    if ((tmpdir == nullptr || *tmpdir == '\0') && access(memory, W_OK) == 0) {
+      parent = memory;
+    } else if (tmpdir != nullptr && *tmpdir != '\0') {
+      parent = tmpdir;
+    }
     std::string pattern = (parent / "ad_fuzz_XXXXXX").string();
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
