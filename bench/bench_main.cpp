@@ -7,6 +7,7 @@
 // passed on to Google Benchmark.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -17,7 +18,6 @@
 #include <opencv2/core.hpp>
 #include <streambuf>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 #include "bench.h"
@@ -115,9 +115,9 @@ int main(int argc, char** argv) {
 
   ad_bench::register_convert_benchmarks();
   ad_bench::register_execute_benchmarks(model);
-  ad_bench::CollectingReporter reporter(
-      isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
-                            : benchmark::ConsoleReporter::OO_Tabular);
+  ad_bench::CollectingReporter reporter(isatty(STDOUT_FILENO)
+                                            ? benchmark::ConsoleReporter::OO_ColorTabular
+                                            : benchmark::ConsoleReporter::OO_Tabular);
   reporter.SetOutputStream(&console);
   reporter.SetErrorStream(&std::cerr);
   benchmark::RunSpecifiedBenchmarks(&reporter);

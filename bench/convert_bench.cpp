@@ -37,8 +37,7 @@ void ours(benchmark::State& state, cv::Size size) {
   Nv21Input in = nv21_input(size);
   cv::Mat bgr(size, CV_8UC3);
   for (auto _ : state) {
-    tqr_arm_neon::ics_fconvert_nv21torgb_neon(in.bytes.data(), bgr.data, size.width,
-                                              size.height);
+    tqr_arm_neon::ics_fconvert_nv21torgb_neon(in.bytes.data(), bgr.data, size.width, size.height);
     benchmark::DoNotOptimize(bgr.data);
     benchmark::ClobberMemory();
   }

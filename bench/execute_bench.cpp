@@ -56,7 +56,8 @@ class ModelsDir {
   explicit ModelsDir(const std::string& model) {
     dir_.write_file("artifact_detector/artifact_detector_cnn.info",
                     "{\n  \"version_id\": \"v1\",\n  \"model_type\": \"cpu\",\n"
-                    "  \"precision\": \"float32\",\n  \"model_path\": \"" + model + "\"\n}\n");
+                    "  \"precision\": \"float32\",\n  \"model_path\": \"" +
+                        model + "\"\n}\n");
   }
   std::string base() const { return dir_.base(); }
 
@@ -144,9 +145,9 @@ struct Stages {
 Stages& stage_runner() {
   static Stages s = [] {
     Stages st;
-    st.net = std::make_unique<NNet>(g_model, "artifact_Detector",
-                                    std::vector<std::string>{"Identity"},
-                                    std::vector<float>{128.0f, 128.0f, 128.0f}, 0, 0);
+    st.net =
+        std::make_unique<NNet>(g_model, "artifact_Detector", std::vector<std::string>{"Identity"},
+                               std::vector<float>{128.0f, 128.0f, 128.0f}, 0, 0);
     st.net->get_target_dimen(st.target_height, st.target_width);
     st.scorer = std::make_unique<artifact_detector::ArtifactDetectorImpl>();
     st.scorer->set_artifact_thresholds();
@@ -174,18 +175,18 @@ void stages(benchmark::State& state, const Case* c) {
   for (auto _ : state) {
     Clock::time_point mark = Clock::now();
     cv::Mat image;
-    if (c->input == Input::Nv21 && image_utils::shrink_upright_nv21(
-                                       bytes, c->size.width, c->size.height, c->rotation,
-                                       target, image)) {
+    if (c->input == Input::Nv21 &&
+        image_utils::shrink_upright_nv21(bytes, c->size.width, c->size.height, c->rotation, target,
+                                         image)) {
       ms["fused"] = ms_since(mark);
     } else {
       if (c->input == Input::Nv21) {
-        image = tqr_arm_neon::nv21_convert_rotate(bytes, c->size.width, c->size.height,
-                                                  c->rotation);
+        image =
+            tqr_arm_neon::nv21_convert_rotate(bytes, c->size.width, c->size.height, c->rotation);
         ms["convert"] = ms_since(mark);
       } else if (c->input == Input::Rgba) {
-        image = get_bgr_mat_from_buffer(bytes, c->size.width, c->size.height,
-                                        ArtifactDetector::RGBA);
+        image =
+            get_bgr_mat_from_buffer(bytes, c->size.width, c->size.height, ArtifactDetector::RGBA);
         ms["convert"] = ms_since(mark);
       } else {
         image = f.image;
@@ -245,8 +246,8 @@ const std::vector<ExecuteCase>& execute_cases() {
 
 const std::vector<std::pair<std::string, std::string>>& stage_counters() {
   static const std::vector<std::pair<std::string, std::string>> counters{
-      {"convert", "conversion"},   {"rotate", "rotation"},       {"resize", "resize"},
-      {"fused", "one pass"},       {"jpeg", "JPEG round trip"},  {"colour", "colour check"},
+      {"convert", "conversion"},   {"rotate", "rotation"},      {"resize", "resize"},
+      {"fused", "one pass"},       {"jpeg", "JPEG round trip"}, {"colour", "colour check"},
       {"forward", "forward pass"}, {"scoring", "scoring"}};
   return counters;
 }
@@ -304,9 +305,10 @@ int memory_probe(const std::string& model_path, int frames) {
     }
   }
   const auto [end, peak] = resident_kb();
-  std::printf("memory: frame_kb=%ld before_kb=%ld warm_kb=%ld end_kb=%ld low_kb=%ld high_kb=%ld "
-              "peak_kb=%ld frames=%d\n",
-              long(f.bytes.size() / 1024), before, after_warm, end, low, high, peak, frames);
+  std::printf(
+      "memory: frame_kb=%ld before_kb=%ld warm_kb=%ld end_kb=%ld low_kb=%ld high_kb=%ld "
+      "peak_kb=%ld frames=%d\n",
+      long(f.bytes.size() / 1024), before, after_warm, end, low, high, peak, frames);
   return 0;
 }
 

@@ -86,8 +86,8 @@ void conversion_tables(std::ostream& os, const Table& t) {
                  cv1 = t.median("convert/opencv_1t/" + s), cvn = t.median("convert/opencv_mt/" + s),
                  mem = t.median("convert/memcpy/" + s);
     os << "| " << s << " | " << cell(ours) << " | " << cell(yuv) << " | " << cell(cv1) << " | "
-       << cell(cvn) << " | " << cell(mem) << " | " << ratio(ours, yuv) << " | "
-       << ratio(ours, cv1) << " | " << ratio(ours, cvn) << " | " << ratio(ours, mem) << " |\n";
+       << cell(cvn) << " | " << cell(mem) << " | " << ratio(ours, yuv) << " | " << ratio(ours, cv1)
+       << " | " << ratio(ours, cvn) << " | " << ratio(ours, mem) << " |\n";
   }
   os << "\n### NV21 to upright BGR, rotation 90\n\n"
      << "`nv21_convert_rotate` against `cvtColor` followed by `cv::rotate`; both allocate their "
@@ -169,9 +169,9 @@ void cpu_tables(std::ostream& os, const Table& t) {
                  rot = t.median("rotate90/ours/" + s), rot_cv = t.median("rotate90/opencv_1t/" + s),
                  shr = t.median("shrink/ours/" + s), shr_cv = t.median("shrink/opencv_1t/" + s);
     os << "| " << s << " | " << cell(ours) << " | " << cell(yuv) << " | " << cell(cv1) << " | "
-       << cell(mem) << " | " << ratio(ours, yuv) << " | " << ratio(ours, cv1) << " | "
-       << cell(rot) << " | " << cell(rot_cv) << " | " << ratio(rot, rot_cv) << " | " << cell(shr)
-       << " | " << cell(shr_cv) << " | " << ratio(shr, shr_cv) << " |\n";
+       << cell(mem) << " | " << ratio(ours, yuv) << " | " << ratio(ours, cv1) << " | " << cell(rot)
+       << " | " << cell(rot_cv) << " | " << ratio(rot, rot_cv) << " | " << cell(shr) << " | "
+       << cell(shr_cv) << " | " << ratio(shr, shr_cv) << " |\n";
   }
   os << "\n| input | execute median, 1 thread | p99, 1 thread |\n|---|---:|---:|\n";
   for (const ExecuteCase& c : execute_cases()) {
@@ -195,8 +195,7 @@ void memory_table(std::ostream& os, const Memory& m) {
      << "| lowest and highest between frame 10 and frame " << m.frames << " | " << mb(m.low_kb)
      << " / " << mb(m.high_kb) << " |\n"
      << "| peak (high-water mark) | " << mb(m.peak_kb) << " |\n"
-     << "| peak above the process before the detector | " << mb(m.peak_kb - m.before_kb)
-     << " |\n"
+     << "| peak above the process before the detector | " << mb(m.peak_kb - m.before_kb) << " |\n"
      << "| growth from frame 10 to frame " << m.frames << " | " << mb(m.end_kb - m.warm_kb)
      << " |\n";
 }
@@ -244,10 +243,11 @@ std::string make_report(const Results& results, const Memory& memory, const Cond
      << "- Processor: " << cpu_model() << ", " << std::thread::hardware_concurrency()
      << " cores as the system reports them.\n"
      << "- Load average (1 minute) " << fixed(run.load_before, 2) << " at the start, "
-     << fixed(run.load_after, 2) << " at the end: other work shares the machine when it is "
+     << fixed(run.load_after, 2)
+     << " at the end: other work shares the machine when it is "
         "above 0.\n"
-     << "- Build: " << AD_BENCH_BUILD_TYPE << ", " << AD_BENCH_COMPILER << "; OpenCV "
-     << CV_VERSION << ", libyuv " << LIBYUV_VERSION << ".\n"
+     << "- Build: " << AD_BENCH_BUILD_TYPE << ", " << AD_BENCH_COMPILER << "; OpenCV " << CV_VERSION
+     << ", libyuv " << LIBYUV_VERSION << ".\n"
      << "- Image kernels: the " << tqr_arm_neon::kernels::selected().name
      << " copy, picked at run time for this processor.\n"
      << "- Model: " << run.model << " (input " << run.input_width << "x" << run.input_height

@@ -32,8 +32,7 @@ class CollectingReporter : public benchmark::ConsoleReporter {
 
 // Resident-memory figures of the memory probe, in kilobytes; frames 0 when it did not run.
 struct Memory {
-  long frame_kb = 0, before_kb = 0, warm_kb = 0, end_kb = 0, low_kb = 0, high_kb = 0,
-       peak_kb = 0;
+  long frame_kb = 0, before_kb = 0, warm_kb = 0, end_kb = 0, low_kb = 0, high_kb = 0, peak_kb = 0;
   int frames = 0;
 };
 Memory parse_memory_line(const std::string& line);

@@ -53,16 +53,18 @@ struct Quads {
 // Table index that reads as zero.
 constexpr uint8_t kZ = 0xFF;
 // Quad j takes bytes 4j .. 4j+3.
-alignas(16) const uint8_t kInOrder[4][16] = {{0, kZ, kZ, kZ, 1, kZ, kZ, kZ, 2, kZ, kZ, kZ, 3, kZ, kZ, kZ},
-                                             {4, kZ, kZ, kZ, 5, kZ, kZ, kZ, 6, kZ, kZ, kZ, 7, kZ, kZ, kZ},
-                                             {8, kZ, kZ, kZ, 9, kZ, kZ, kZ, 10, kZ, kZ, kZ, 11, kZ, kZ, kZ},
-                                             {12, kZ, kZ, kZ, 13, kZ, kZ, kZ, 14, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
+alignas(16) const uint8_t kInOrder[4][16] = {
+    {0, kZ, kZ, kZ, 1, kZ, kZ, kZ, 2, kZ, kZ, kZ, 3, kZ, kZ, kZ},
+    {4, kZ, kZ, kZ, 5, kZ, kZ, kZ, 6, kZ, kZ, kZ, 7, kZ, kZ, kZ},
+    {8, kZ, kZ, kZ, 9, kZ, kZ, kZ, 10, kZ, kZ, kZ, 11, kZ, kZ, kZ},
+    {12, kZ, kZ, kZ, 13, kZ, kZ, kZ, 14, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
 // Quad 0 takes bytes 0,4,8,12; quad 1 2,6,10,14; quad 2 1,5,9,13; quad 3 3,7,11,15: the order
 // in which narrow() packs them back with shifts alone.
-alignas(16) const uint8_t kStrided[4][16] = {{0, kZ, kZ, kZ, 4, kZ, kZ, kZ, 8, kZ, kZ, kZ, 12, kZ, kZ, kZ},
-                                             {2, kZ, kZ, kZ, 6, kZ, kZ, kZ, 10, kZ, kZ, kZ, 14, kZ, kZ, kZ},
-                                             {1, kZ, kZ, kZ, 5, kZ, kZ, kZ, 9, kZ, kZ, kZ, 13, kZ, kZ, kZ},
-                                             {3, kZ, kZ, kZ, 7, kZ, kZ, kZ, 11, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
+alignas(16) const uint8_t kStrided[4][16] = {
+    {0, kZ, kZ, kZ, 4, kZ, kZ, kZ, 8, kZ, kZ, kZ, 12, kZ, kZ, kZ},
+    {2, kZ, kZ, kZ, 6, kZ, kZ, kZ, 10, kZ, kZ, kZ, 14, kZ, kZ, kZ},
+    {1, kZ, kZ, kZ, 5, kZ, kZ, kZ, 9, kZ, kZ, kZ, 13, kZ, kZ, kZ},
+    {3, kZ, kZ, kZ, 7, kZ, kZ, kZ, 11, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
 #endif
 
 inline float32x4_t to_float(uint32x4_t small) {
@@ -122,8 +124,10 @@ inline uint8x16_t narrow(const Quads& x) {
   uint32x4_t w[4];
   for (int j = 0; j < 4; ++j) w[j] = vreinterpretq_u32_s32(vmaxq_s32(vcvtq_s32_f32(x.q[j]), zero));
   const uint16x8_t top = vdupq_n_u16(kByteMax);
-  const uint16x8_t a = vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[0], vshlq_n_u32(w[1], 16))), top);
-  const uint16x8_t b = vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[2], vshlq_n_u32(w[3], 16))), top);
+  const uint16x8_t a =
+      vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[0], vshlq_n_u32(w[1], 16))), top);
+  const uint16x8_t b =
+      vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[2], vshlq_n_u32(w[3], 16))), top);
   return vreinterpretq_u8_u16(vorrq_u16(a, vshlq_n_u16(b, 8)));
 }
 
@@ -281,7 +285,8 @@ inline void convert16_values(const unsigned char* luma, const ChromaTerms& t,
 
 inline unsigned char clamp_to_byte(double value) {
   const int truncated = static_cast<int>(value);
-  return static_cast<unsigned char>(truncated < 0 ? 0 : (truncated > kByteMax ? kByteMax : truncated));
+  return static_cast<unsigned char>(truncated < 0 ? 0
+                                                  : (truncated > kByteMax ? kByteMax : truncated));
 }
 
 // One pixel in double precision with explicit fused multiply-adds.
@@ -407,8 +412,7 @@ void convert_rotate(const unsigned char* nv21, unsigned char* bgr, int width, in
   // One strip of rows at a time, small enough to stay in cache while it is turned. The strip
   // has room for a whole row pair even when an odd height leaves half of one.
   std::vector<unsigned char> strip(std::size_t(width) * kBgrBytes * kBlock);
-  const std::ptrdiff_t out_step =
-      std::ptrdiff_t(rotation == 180 ? width : height) * kBgrBytes;
+  const std::ptrdiff_t out_step = std::ptrdiff_t(rotation == 180 ? width : height) * kBgrBytes;
   for (int y0 = 0; y0 < height; y0 += kBlock) {
     const int n = std::min(kBlock, height - y0);
     convert_rows(f, y0, y0 + n, strip.data(), std::ptrdiff_t(width) * kBgrBytes);
@@ -565,10 +569,9 @@ struct QuarterTurnBgr {
   const int* lane_rows = kInOrderRows;
   Quads px[kBgrBytes];
 
-  QuarterTurnBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h,
-                 int first_row, int n, bool cw)
-      : src(pixels), step(row_step), width(w), height(h), r0(first_row), lanes(n),
-        clockwise(cw) {}
+  QuarterTurnBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row,
+                 int n, bool cw)
+      : src(pixels), step(row_step), width(w), height(h), r0(first_row), lanes(n), clockwise(cw) {}
 
   const Quads* column(int c) {
     Planes p;
@@ -597,9 +600,14 @@ struct TiledBgr {
   int tile_start = -1;
   Quads px[kBgrBytes];
 
-  TiledBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row,
-           int n, bool half)
-      : src(pixels), step(row_step), width(w), height(h), r0(first_row), lanes(n),
+  TiledBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row, int n,
+           bool half)
+      : src(pixels),
+        step(row_step),
+        width(w),
+        height(h),
+        r0(first_row),
+        lanes(n),
         half_turn(half) {}
 
   // Frame position of upright (r0 + l, c).
@@ -658,8 +666,7 @@ struct QuarterTurnNv21 {
       return;
     }
     alignas(16) unsigned char rows[2][kBlock * kBgrBytes] = {};
-    convert_tail(f.luma(y) + x0, f.luma(y + 1) + x0, f.chroma(y) + x0, 0, lanes, rows[0],
-                 rows[1]);
+    convert_tail(f.luma(y) + x0, f.luma(y + 1) + x0, f.chroma(y) + x0, 0, lanes, rows[0], rows[1]);
     for (int i = 0; i < 2; ++i) {
       // Lane l is frame column x0 + l clockwise, x0 + lanes-1-l otherwise.
       widen_planes(clockwise ? gather(rows[i], kBgrBytes, lanes)

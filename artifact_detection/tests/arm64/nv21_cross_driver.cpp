@@ -1,7 +1,7 @@
 // Converts, turns, downscales and area-reduces a fixed set of frames and writes every output
-// byte to standard output, so that builds for different processors can be compared byte for byte. One index
-// line per case ("<offset> <size> <case>") goes to standard error, then "end".
-// Buffers end at a guard page: any over-read or over-write faults.
+// byte to standard output, so that builds for different processors can be compared byte for byte.
+// One index line per case ("<offset> <size> <case>") goes to standard error, then "end". Buffers
+// end at a guard page: any over-read or over-write faults.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

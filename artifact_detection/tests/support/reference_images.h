@@ -19,8 +19,8 @@ inline cv::Mat reference_nv21_to_bgr(const unsigned char* nv21, int width, int h
   const auto saturate = [](long v) { return static_cast<uchar>(std::clamp(v, 0L, 255L)); };
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
-      const unsigned char* pair = nv21 + std::size_t(width) * height +
-                                  std::size_t(y / 2) * width + (x & ~1);
+      const unsigned char* pair =
+          nv21 + std::size_t(width) * height + std::size_t(y / 2) * width + (x & ~1);
       const int luma = nv21[std::size_t(y) * width + x];
       cv::Vec3b& out = bgr.at<cv::Vec3b>(y, x);
       if (x < vector_columns) {

@@ -63,16 +63,16 @@ TEST(NeonKernels, ConversionGivesTheReferenceBytes) {
       PageEndBuffer frame = nv21_frame(c.width, c.height, c.kind, c.width * 131 + c.height);
       PageEndBuffer out(std::size_t(c.width) * c.height * 3);
       v->convert(frame.data(), out.data(), c.width, c.height);
-      ASSERT_TRUE(ad_test::same_bytes(as_mat(out, c.height, c.width),
-                                      ad_test::reference_nv21_to_bgr(frame.data(), c.width,
-                                                                     c.height)))
+      ASSERT_TRUE(
+          ad_test::same_bytes(as_mat(out, c.height, c.width),
+                              ad_test::reference_nv21_to_bgr(frame.data(), c.width, c.height)))
           << v->name << " " << c.width << "x" << c.height;
     }
   }
 }
 
 TEST(NeonKernels, TurnedConversionIsConversionThenRotation) {
-  const cv::Size sizes[] = {{2, 2},   {16, 16}, {18, 34},  {34, 18},  {48, 64},
+  const cv::Size sizes[] = {{2, 2},   {16, 16},  {18, 34},  {34, 18},  {48, 64},
                             {66, 50}, {130, 66}, {642, 34}, {32, 100}, {160, 120}};
   for (const Variant* v : variants()) {
     for (cv::Size s : sizes) {
@@ -96,11 +96,11 @@ struct AreaCase {
   cv::Size dst;
 };
 
-const AreaCase kAreaCases[] = {
-    {{64, 48}, {40, 30}},    {{66, 50}, {20, 18}},     {{130, 98}, {17, 23}},
-    {{34, 18}, {11, 7}},     {{18, 34}, {5, 9}},       {{250, 240}, {224, 224}},
-    {{642, 482}, {224, 224}}, {{320, 180}, {224, 101}}, {{48, 1000}, {3, 224}},
-    {{1000, 48}, {224, 3}}};
+const AreaCase kAreaCases[] = {{{64, 48}, {40, 30}},     {{66, 50}, {20, 18}},
+                               {{130, 98}, {17, 23}},    {{34, 18}, {11, 7}},
+                               {{18, 34}, {5, 9}},       {{250, 240}, {224, 224}},
+                               {{642, 482}, {224, 224}}, {{320, 180}, {224, 101}},
+                               {{48, 1000}, {3, 224}},   {{1000, 48}, {224, 3}}};
 
 AreaJob job_for(kernels::Pixels pixels, const unsigned char* src, std::ptrdiff_t step,
                 cv::Size frame, int rotation, const AreaAxis& columns, const AreaAxis& rows,
@@ -144,8 +144,8 @@ TEST(NeonKernels, AreaReductionOfNv21GivesOpenCvBytes) {
           AreaAxis columns, rows;
           if (!planned(up, c.dst, columns, rows)) continue;
           PageEndBuffer out(c.dst.area() * 3);
-          v->area(job_for(kernels::Pixels::kNv21, frame.data(), c.frame.width, c.frame,
-                          rotation, columns, rows, out));
+          v->area(job_for(kernels::Pixels::kNv21, frame.data(), c.frame.width, c.frame, rotation,
+                          columns, rows, out));
           EXPECT_TRUE(ad_test::same_bytes(
               as_mat(out, c.dst.height, c.dst.width),
               ad_test::reference_shrink(ad_test::reference_turn(converted, rotation), c.dst)))
@@ -170,8 +170,8 @@ TEST(NeonKernels, AreaReductionOfAFullHdNv21FrameGivesOpenCvBytes) {
     ASSERT_TRUE(planned(up, dst, columns, rows));
     for (const Variant* v : variants()) {
       PageEndBuffer out(dst.area() * 3);
-      v->area(job_for(kernels::Pixels::kNv21, frame.data(), frame_size.width, frame_size,
-                      rotation, columns, rows, out));
+      v->area(job_for(kernels::Pixels::kNv21, frame.data(), frame_size.width, frame_size, rotation,
+                      columns, rows, out));
       EXPECT_TRUE(ad_test::same_bytes(as_mat(out, dst.height, dst.width), expected))
           << v->name << " rotation " << rotation;
     }
@@ -194,12 +194,11 @@ TEST(NeonKernels, AreaReductionOfBgrGivesOpenCvBytesAlsoForOddSizesAndWindows) {
         AreaAxis columns, rows;
         if (!planned(up, c.dst, columns, rows)) continue;
         PageEndBuffer out(c.dst.area() * 3);
-        v->area(job_for(kernels::Pixels::kBgr, frame.data, std::ptrdiff_t(frame.step[0]),
-                        c.frame, rotation, columns, rows, out));
-        EXPECT_TRUE(
-            ad_test::same_bytes(as_mat(out, c.dst.height, c.dst.width),
-                                ad_test::reference_shrink(ad_test::reference_turn(frame, rotation),
-                                                          c.dst)))
+        v->area(job_for(kernels::Pixels::kBgr, frame.data, std::ptrdiff_t(frame.step[0]), c.frame,
+                        rotation, columns, rows, out));
+        EXPECT_TRUE(ad_test::same_bytes(
+            as_mat(out, c.dst.height, c.dst.width),
+            ad_test::reference_shrink(ad_test::reference_turn(frame, rotation), c.dst)))
             << v->name << " " << c.frame << " to " << c.dst << " rotation " << rotation;
       }
     }
