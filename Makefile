@@ -9,7 +9,7 @@ build: deps
 	cmake --build --preset default
 
 demo: build
-	./build/bin/artifact-demo
+	./build/bin/artifact-detect samples/
 
 test-default: deps
 	cmake --preset default
