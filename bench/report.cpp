@@ -30,6 +30,12 @@ std::string cpu_model() {
   return "unknown processor";
 }
 
+// `path` from the project's root when it lies inside it.
+std::string project_relative(const std::string& path) {
+  const std::string root = std::string(AD_BENCH_SOURCE_DIR) + "/";
+  return path.rfind(root, 0) == 0 ? path.substr(root.size()) : path;
+}
+
 std::string fixed(double value, int digits) {
   std::ostringstream os;
   os << std::fixed << std::setprecision(digits) << value;
@@ -250,7 +256,7 @@ std::string make_report(const Results& results, const Memory& memory, const Cond
      << ", libyuv " << LIBYUV_VERSION << ".\n"
      << "- Image kernels: the " << tqr_arm_neon::kernels::selected().name
      << " copy, picked at run time for this processor.\n"
-     << "- Model: " << run.model << " (input " << run.input_width << "x" << run.input_height
+     << "- Model: " << project_relative(run.model) << " (input " << run.input_width << "x" << run.input_height
      << "), on the reference inference library.\n"
      << "- Log lines are formatted at every priority and handed to a logger that drops them; "
         "the diagnostic line on standard output goes to a null stream.\n\n";
