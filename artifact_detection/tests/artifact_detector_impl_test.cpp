@@ -301,18 +301,18 @@ INSTANTIATE_TEST_SUITE_P(
 // format -1 stands for the image entry point.
 struct FrameCase {
   int format, rotation;
+  int width = 64, height = 48;  // 70 x 50 leaves NV21 columns after the last 16-column block
 };
 void PrintTo(const FrameCase& c, std::ostream* os) {
-  *os << "format " << c.format << " rotation " << c.rotation;
+  *os << "format " << c.format << " rotation " << c.rotation << " " << c.width << "x" << c.height;
 }
 
 class FrameToTensor : public EngineRun, public ::testing::WithParamInterface<FrameCase> {};
 
 TEST_P(FrameToTensor, ReachesTheNetworkAsTheExpectedTensor) {
   ASSERT_TRUE(init());
-  constexpr int kWidth = 64, kHeight = 48;
+  const auto [format, rotation, kWidth, kHeight] = GetParam();
   const cv::Mat bgr = textured(kHeight, kWidth, 7);
-  const auto [format, rotation] = GetParam();
   cv::Mat layout = bgr.clone(), upright = bgr;
   if (format == ArtifactDetector::NV21) {
     cv::cvtColor(bgr, layout, cv::COLOR_BGR2YUV_YV12);  // any bytes of NV21's size will do
@@ -346,7 +346,10 @@ INSTANTIATE_TEST_SUITE_P(FormatsAndRotations, FrameToTensor,
                                            FrameCase{0, 270}, FrameCase{1, 0}, FrameCase{1, 90},
                                            FrameCase{1, 270}, FrameCase{1, 45}, FrameCase{2, 0},
                                            FrameCase{2, 180}, FrameCase{7, 90}, FrameCase{7, -90},
-                                           FrameCase{-1, 0}));
+                                           FrameCase{-1, 0}, FrameCase{0, 90, 70, 50},
+                                           FrameCase{0, 270, 70, 50}, FrameCase{0, 0, 70, 50},
+                                           FrameCase{1, 90, 70, 50}, FrameCase{2, 270, 70, 50},
+                                           FrameCase{-1, 0, 70, 50}));
 
 TEST_F(EngineRun, BufferRunsLogTheirStepsInOrder) {
   ASSERT_TRUE(init());
