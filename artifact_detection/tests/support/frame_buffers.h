@@ -1,8 +1,5 @@
-// Pixel buffers for tests of raw-buffer routines, without any image library so that
-// cross-compiled drivers can use them too.
-//   PageEndBuffer: bytes that end exactly where an inaccessible page begins, so that
-//                  reading or writing one byte too far faults at once.
-//   Rng:           the one deterministic generator for test pixels.
+// Raw pixel buffers for the image kernels' tests, without OpenCV so that the cross-compiled
+// driver uses them too.
 #pragma once
 
 #include <sys/mman.h>
@@ -10,92 +7,74 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <new>
+
+#include "utils/neon_kernels.h"
 
 namespace ad_test {
 
+enum class Pixels { Random, Extreme, ChromaSweep };
+
+// Bytes that end exactly where an inaccessible page begins: one byte too far faults at once.
 class PageEndBuffer {
  public:
   explicit PageEndBuffer(std::size_t size) : size_(size) {
-    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const std::size_t data_pages = (size + page - 1) / page;
-    mapped_size_ = (data_pages + 1) * page;
-    void* base =
-        mmap(nullptr, mapped_size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const std::size_t page = std::size_t(sysconf(_SC_PAGESIZE)), data = (size + page - 1) / page;
+    mapped_ = (data + 1) * page;
+    void* base = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (base == MAP_FAILED) throw std::bad_alloc();
     base_ = static_cast<unsigned char*>(base);
-    if (mprotect(base_ + data_pages * page, page, PROT_NONE) != 0) {
-      munmap(base_, mapped_size_);
-      throw std::bad_alloc();
+    if (mprotect(base_ + data * page, page, PROT_NONE) != 0) throw std::bad_alloc();
+    data_ = base_ + data * page - size;
+  }
+  // A width x height NV21 frame of SplitMix64 bytes (the same on every platform), of values at
+  // the ends of the ranges and around the chroma zero point, or of random luma followed by
+  // every (V, U) pair in order (ChromaSweep).
+  PageEndBuffer(int width, int height, Pixels kind, std::uint64_t seed)
+      : PageEndBuffer(std::size_t(width) * height * 3 / 2) {
+    static const unsigned char kExtremes[] = {0, 1, 2, 126, 127, 128, 129, 130, 253, 254, 255};
+    for (std::size_t i = 0; i < size_; ++i) {
+      std::uint64_t z = (seed += 0x9E3779B97F4A7C15ull);
+      z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+      z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+      z ^= z >> 31;
+      data_[i] =
+          kind == Pixels::Extreme ? kExtremes[z % sizeof kExtremes] : (unsigned char)(z >> 56);
     }
-    data_ = base_ + data_pages * page - size;
-  }
-  PageEndBuffer(PageEndBuffer&& other) noexcept
-      : size_(other.size_),
-        mapped_size_(other.mapped_size_),
-        base_(other.base_),
-        data_(other.data_) {
-    other.base_ = nullptr;
-  }
-  ~PageEndBuffer() {
-    if (base_ != nullptr) munmap(base_, mapped_size_);
+    const std::size_t luma = std::size_t(width) * height;
+    for (std::size_t k = 0; kind == Pixels::ChromaSweep && luma + 2 * k + 1 < size_; ++k) {
+      data_[luma + 2 * k] = static_cast<unsigned char>(k);
+      data_[luma + 2 * k + 1] = static_cast<unsigned char>(k >> 8);
+    }
   }
   PageEndBuffer(const PageEndBuffer&) = delete;
-  PageEndBuffer& operator=(const PageEndBuffer&) = delete;
+  ~PageEndBuffer() { munmap(base_, mapped_); }
 
   unsigned char* data() { return data_; }
-  const unsigned char* data() const { return data_; }
   char* chars() { return reinterpret_cast<char*>(data_); }
   std::size_t size() const { return size_; }
   unsigned char& operator[](std::size_t i) { return data_[i]; }
-  unsigned char operator[](std::size_t i) const { return data_[i]; }
-  void fill(unsigned char value) { std::memset(data_, value, size_); }
 
  private:
-  std::size_t size_;
-  std::size_t mapped_size_;
-  unsigned char* base_;
-  unsigned char* data_;
+  std::size_t size_, mapped_;
+  unsigned char *base_, *data_;
 };
 
-// SplitMix64: small, fast, identical on every platform.
-class Rng {
- public:
-  explicit Rng(std::uint64_t seed) : state_(seed) {}
-  std::uint64_t next() {
-    std::uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
+// `variant`'s area reduction of `src` (NV21, or B,G,R rows `step` bytes apart) turned by
+// `rotation`, into dst_cols x dst_rows packed B,G,R; false where plan_area declines.
+inline bool run_area(const tqr_arm_neon::kernels::Variant& variant, bool nv21,
+                     const unsigned char* src, std::ptrdiff_t step, int width, int height,
+                     int rotation, int dst_cols, int dst_rows, unsigned char* dst) {
+  namespace k = tqr_arm_neon::kernels;
+  const bool quarter = rotation == 90 || rotation == 270;
+  k::AreaAxis columns, rows;
+  const bool planned = k::plan_area(quarter ? height : width, quarter ? width : height, dst_cols,
+                                    dst_rows, columns, rows);
+  if (planned) {
+    variant.area({nv21 ? k::Pixels::kNv21 : k::Pixels::kBgr, src, step, width, height, rotation,
+                  &columns, &rows, dst, std::ptrdiff_t(dst_cols) * 3});
   }
-  unsigned char byte() { return static_cast<unsigned char>(next() >> 56); }
-  // Values that sit at the ends of the ranges and around the chroma zero point.
-  unsigned char extreme_byte() {
-    static const unsigned char kValues[] = {0, 1, 2, 126, 127, 128, 129, 130, 253, 254, 255};
-    return kValues[next() % sizeof(kValues)];
-  }
-
- private:
-  std::uint64_t state_;
-};
-
-enum class Pixels { Random, Extreme, ChromaSweep };
-
-// Fills an NV21 frame: random bytes, values from the ends of the ranges, or random luma with
-// the chroma plane running through every (V, U) pair in order (repeating when it is longer).
-inline void fill_nv21(PageEndBuffer& frame, int width, int height, Pixels kind,
-                      std::uint64_t seed) {
-  Rng rng(seed);
-  for (std::size_t i = 0; i < frame.size(); ++i) {
-    frame[i] = kind == Pixels::Extreme ? rng.extreme_byte() : rng.byte();
-  }
-  if (kind != Pixels::ChromaSweep) return;
-  const std::size_t luma = std::size_t(width) * height;
-  for (std::size_t k = 0; luma + 2 * k + 1 < frame.size(); ++k) {
-    frame[luma + 2 * k] = static_cast<unsigned char>(k);
-    frame[luma + 2 * k + 1] = static_cast<unsigned char>(k >> 8);
-  }
+  return planned;
 }
 
 }  // namespace ad_test
