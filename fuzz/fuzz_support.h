@@ -1,82 +1,60 @@
-// Pieces shared by the fuzz targets: a silent log, a private scratch directory for the file
-// readers, and the one way a target reports a broken property.
+// Shared by the fuzz targets, each of which includes it once: a silent log, the one way to
+// report a broken property, and a scratch file for the readers of configuration files.
 #pragma once
 
 #include <android/log.h>
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <vector>
 
 namespace ad_fuzz {
 
-// liblog still formats every line (so the format arguments are checked like any other
-// memory access); the line is then dropped, as printing it would dominate each run.
-inline void silence_log() {
+// A broken property goes through the fuzzer's crash machinery, which saves the input.
+inline void check(bool ok, const char* what) {
+  if (ok) return;
+  std::fprintf(stderr, "property violated: %s\n", what);
+  std::abort();
+}
+
+// Writes the input to <scratch>/<relative>; gives <scratch>/. The directory lives with the
+// process, in shared memory unless TMPDIR says otherwise: a disk costs thirty times the runs.
+inline std::string scratch_file(const std::string& relative, const std::uint8_t* data,
+                                std::size_t size) {
+  static const struct Dir {
+    std::string path;
+    Dir() {
+      const char* tmp = std::getenv("TMPDIR");
+      path = tmp && *tmp ? tmp : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+      check(mkdtemp((path += "/ad_fuzz_XXXXXX").data()) != nullptr, "mkdtemp");
+      path += "/";
+    }
+    ~Dir() {
+      std::error_code ignored;
+      std::filesystem::remove_all(path, ignored);
+    }
+  } dir;
+  const std::filesystem::path file = dir.path + relative;
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  check(bool(out.write(reinterpret_cast<const char*>(data), std::streamsize(size))), "scratch");
+  return dir.path;
+}
+
+}  // namespace ad_fuzz
+
+// liblog still formats every line, so the format arguments are checked like any other memory
+// access; the line is then dropped, as printing it would dominate each run.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
   __android_log_set_logger([](const __android_logger_data*, const char* message) {
     volatile std::size_t length = std::strlen(message);
     (void)length;
   });
   __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+  return 0;
 }
-
-// Reports a broken property with the fuzzer's crash machinery, which saves the input.
-[[noreturn]] inline void fail(const char* what) {
-  std::fprintf(stderr, "property violated: %s\n", what);
-  std::abort();
-}
-
-inline void check(bool ok, const char* what) {
-  if (!ok) fail(what);
-}
-
-// A directory of its own for the process's lifetime: in shared memory when the system has it
-// (a file written per input costs a disk thirty times the runs), else in the temporary area.
-class ScratchDir {
- public:
-  ScratchDir() {
-    const char* memory = "/dev/shm";
-    const char* tmpdir = std::getenv("TMPDIR");
-    std::filesystem::path parent = "/tmp";
-    if ((tmpdir == nullptr || *tmpdir == '\0') && access(memory, W_OK) == 0) {
-      parent = memory;
-    } else if (tmpdir != nullptr && *tmpdir != '\0') {
-      parent = tmpdir;
-    }
-    std::string pattern = (parent / "ad_fuzz_XXXXXX").string();
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    if (mkdtemp(name.data()) == nullptr) fail("mkdtemp");
-    path_ = name.data();
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-
-  // The directory with a trailing "/".
-  std::string base() const { return path_ + "/"; }
-
-  // Replaces `relative` with exactly these bytes, creating its directories.
-  std::string write(const std::string& relative, const unsigned char* data,
-                    std::size_t size) const {
-    const std::filesystem::path full = base() + relative;
-    std::filesystem::create_directories(full.parent_path());
-    std::ofstream out(full, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-    if (!out) fail("cannot write the scratch file");
-    return full.string();
-  }
-
- private:
-  std::string path_;
-};
-
-}  // namespace ad_fuzz
