@@ -13,46 +13,39 @@
 #include "support/fake_tarnlink.h"
 
 namespace {
-
 std::mutex g_mutex;
 std::vector<std::string> g_messages;
-
-// Keeps the text of the bindings' LogMessage lines at info priority, header and line feed cut
-// and a timing line's milliseconds replaced by "N".
-void capture(const __android_logger_data* data, const char* message) {
-  static const std::regex line(R"(\[\d\d:\d\d:\d\d\] artifact_detector_jni\.cpp:\d+: ([^\n]*)\n)");
-  static const std::regex milliseconds(R"(^(TQ Debug: Time taken for [^:]+: )\d+ ms$)");
-  std::cmatch match;
-  if (data->priority == ANDROID_LOG_INFO && data->tag != nullptr && message != nullptr &&
-      std::string(data->tag) == "TQR_ARTIFACT_DET" && std::regex_match(message, match, line)) {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_messages.push_back(std::regex_replace(match[1].str(), milliseconds, "$1N ms"));
-  }
-}
-
 }  // namespace
 
 extern "C" {
 
+// From now on, keeps the text of the bindings' LogMessage lines at info priority, header and
+// line feed cut and a timing line's milliseconds replaced by "N".
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_captureLog(JNIEnv*,
                                                                                    jclass) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_messages.clear();
-  __android_log_set_logger(capture);
+  __android_log_set_logger([](const __android_logger_data* data, const char* message) {
+    static const std::regex line(
+        R"(\[\d\d:\d\d:\d\d\] artifact_detector_jni\.cpp:\d+: ([^\n]*)\n)");
+    static const std::regex milliseconds(R"(^(TQ Debug: Time taken for [^:]+: )\d+ ms$)");
+    std::cmatch match;
+    if (data->priority == ANDROID_LOG_INFO && data->tag && message &&
+        std::string(data->tag) == "TQR_ARTIFACT_DET" && std::regex_match(message, match, line)) {
+      std::lock_guard<std::mutex> lock(g_mutex);
+      g_messages.push_back(std::regex_replace(match[1].str(), milliseconds, "$1N ms"));
+    }
+  });
 }
 
-JNIEXPORT jobjectArray JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_takeLog(JNIEnv* env,
-                                                                                        jclass) {
+// The messages kept since the last call, each ended by a line feed.
+JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_takeLog(JNIEnv* env,
+                                                                                   jclass) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  jobjectArray out = env->NewObjectArray(static_cast<jsize>(g_messages.size()),
-                                         env->FindClass("java/lang/String"), nullptr);
-  for (size_t i = 0; i < g_messages.size(); ++i) {
-    jstring text = env->NewStringUTF(g_messages[i].c_str());
-    env->SetObjectArrayElement(out, static_cast<jsize>(i), text);
-    env->DeleteLocalRef(text);
-  }
+  std::string text;
+  for (const std::string& message : g_messages) text += message + "\n";
   g_messages.clear();
-  return out;
+  return env->NewStringUTF(text.c_str());
 }
 
 // Resets the fake and makes every run of a network with a 32 x 32 input report logit +inf
@@ -60,20 +53,19 @@ JNIEXPORT jobjectArray JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_scriptNetwork(
     JNIEnv* env, jclass, jintArray found) {
   std::vector<float> logits(12, -INFINITY);  // position 0, then artifact ids 1 to 11
-  std::vector<jint> ids(static_cast<size_t>(env->GetArrayLength(found)));
-  env->GetIntArrayRegion(found, 0, static_cast<jsize>(ids.size()), ids.data());
-  for (jint id : ids) logits[static_cast<size_t>(id)] = id == 9 ? 0.0f : INFINITY;
+  std::vector<jint> ids(std::size_t(env->GetArrayLength(found)));
+  env->GetIntArrayRegion(found, 0, jsize(ids.size()), ids.data());
+  for (jint id : ids) logits[std::size_t(id)] = id == 9 ? 0.0f : INFINITY;
   fake_tarn_reset();
   fake_tarn_set_input_size(32, 32);
   fake_tarn_set_layer_output("Identity", logits.data(), logits.size(), 1, 12, 1, 1, 0);
 }
 
-JNIEXPORT jboolean JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_globalsAre(
-    JNIEnv* env, jclass, jobject object) {
+JNIEXPORT jboolean JNICALL
+Java_tessaroven_pkd_artifactdetector_TestSupport_globalsAre(JNIEnv* env, jclass, jobject object) {
   JavaVM* vm = nullptr;
   env->GetJavaVM(&vm);
-  return vm == jvm && main_obj != nullptr && env->IsSameObject(main_obj, object) ? JNI_TRUE
-                                                                                 : JNI_FALSE;
+  return vm == jvm && main_obj != nullptr && env->IsSameObject(main_obj, object);
 }
 
 }  // extern "C"

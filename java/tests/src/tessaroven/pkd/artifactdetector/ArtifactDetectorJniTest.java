@@ -4,92 +4,79 @@ import java.lang.reflect.Field;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
+import java.util.Random;
 
-/**
- * The native methods in a real JVM, against the scripted inference library. Runs every check,
- * prints each failure and exits with 1 if there was any.
- */
+/** The native methods in a real JVM against the scripted inference library; exit 1 on failure. */
 public final class ArtifactDetectorJniTest {
-  private static final int W = 64;
-  private static final int H = 48;
-  private static final int OTHER_MODE = 1;
+  private static final int W = 64, H = 48;
   // Logit +inf gives probability exactly 1, logit 0 exactly 0.5 (Noise's threshold is 0.2).
-  private static final String TWO = "[{\"score\":1.0,\"tag\":\"DonutBlur\",\"tag_id\":5},"
-      + "{\"score\":0.5,\"tag\":\"Noise\",\"tag_id\":9}]";
+  private static final String NOISE = "{\"score\":0.5,\"tag\":\"Noise\",\"tag_id\":9}";
+  private static final String TWO =
+      "[{\"score\":1.0,\"tag\":\"DonutBlur\",\"tag_id\":5}," + NOISE + "]";
   private static final String RUN = timing("exexecuteWithBtyeArrayJNI execution");
   private static final String RELEASE = timing("release");
-  private static final byte[] FRAME = new byte[W * H * 3];
+  private static final byte[] FRAME = new byte[W * H * 3];  // random: nowhere near one colour
   private static String models;
   private static int failures;
 
   public static void main(String[] args) throws Exception {
-    for (int i = 0; i < FRAME.length; ++i) {
-      FRAME[i] = (byte) (i * 7 + (i / 97) * 13);  // nowhere near a uniform colour
-    }
-    // A models directory whose info file names a model the fake "opens" without reading it.
-    Path base = Files.createTempDirectory("ad_jvm_test");
-    Path dir = Files.createDirectories(base.resolve("artifact_detector"));
-    String text = "{\n\"model_type\": \"cpu\",\n\"model_path\": \"" + dir + "/net.onnx\"\n}\n";
-    Path info = Files.write(dir.resolve("artifact_detector_cnn.info"),
-        text.getBytes(StandardCharsets.UTF_8));
-    for (Path p : new Path[] {base, dir, info}) {
-      p.toFile().deleteOnExit();  // in the reverse order
-    }
-    models = base + "/";
+    new Random(1).nextBytes(FRAME);
+    // A models directory whose info file names a model the fake "opens" without reading it;
+    // deleted at exit, in the reverse order.
+    Path dir = Files.createTempDirectory("ad_jvm_test").resolve("artifact_detector");
+    models = dir.getParent() + "/";
+    dir.getParent().toFile().deleteOnExit();
+    Files.createDirectories(dir).toFile().deleteOnExit();
+    String info = "{\n\"model_type\": \"cpu\",\n\"model_path\": \"" + dir + "/net.onnx\"\n}\n";
+    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8))
+        .toFile().deleteOnExit();
     new ArtifactDetector().close();  // loads the library the support library links against
     TestSupport.load();
     nativeMethods();
     convenienceClass();
-    if (failures != 0) {
-      System.err.println(failures + " check(s) failed");
-      System.exit(1);
-    }
-    System.out.println("ArtifactDetectorJniTest: all checks passed");
+    if (failures != 0) System.err.println(failures + " check(s) failed");
+    System.exit(failures == 0 ? 0 : 1);
   }
 
   private static void nativeMethods() throws Exception {
     ArtifactDetector d = new ArtifactDetector();
     TestSupport.captureLog();
-    check("", d.getArtifactInfoJNI(0), "results before initializeJNI");
-    check(false, d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 0), "run before initializeJNI");
+    check(Arrays.asList("", false), Arrays.asList(d.getArtifactInfoJNI(0),
+        d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 0)), "results and run before initializeJNI");
     d.releaseJNI(0);
-    check(0L, reference(d), "field untouched");
-    check(Arrays.asList(RUN, RELEASE), log(), "timing lines before initializeJNI");
+    check(Arrays.asList(0L, RUN, RELEASE), state(d), "field and log before initializeJNI");
 
     TestSupport.scriptNetwork(5, 9);
-    check(true, d.initializeJNI(0, models), "initializeJNI");
+    check(true, d.initializeJNI(0, models) && TestSupport.globalsAre(d), "jvm and main_obj set");
     long address = reference(d);
-    check(true, address != 0 && TestSupport.globalsAre(d), "field, jvm and main_obj set");
-    check(true, d.initializeJNI(0, models), "second initializeJNI");
-    check(address, reference(d), "second initializeJNI reuses the detector");
-    check(Arrays.asList(timing("initialization"), timing("initialization")), log(), "timings");
-
-    check(true, d.executeWithBtyeArrayJNI(FRAME, W, H, 90, 1, 0), "run");
-    check(TWO, d.getArtifactInfoJNI(0), "results of the run");
-    check(Arrays.asList(RUN, timing("result-extraction1"), "TQ Debug: Artifact Info :" + TWO),
-        log(), "run and results logged");
+    check(true, address != 0 && d.initializeJNI(0, models), "a second initializeJNI");
+    String init = timing("initialization");
+    check(Arrays.asList(address, init, init), state(d), "the second reuses the detector");
+    check(Arrays.asList(true, TWO), Arrays.asList(d.executeWithBtyeArrayJNI(FRAME, W, H, 90, 1, 0),
+        d.getArtifactInfoJNI(0)), "a run and its results");
+    check(Arrays.asList(address, RUN, timing("result-extraction1"),
+        "TQ Debug: Artifact Info :" + TWO), state(d), "run and results logged");
 
     // Other modes use no stored detector: they run, report and release nothing.
     TestSupport.scriptNetwork();
-    check(false, d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, OTHER_MODE), "run in another mode");
-    check("", d.getArtifactInfoJNI(OTHER_MODE), "results in another mode");
-    d.releaseJNI(OTHER_MODE);
-    check(Arrays.asList(RUN, RELEASE), log(), "timing lines in another mode");
+    check(Arrays.asList(false, ""), Arrays.asList(d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 1),
+        d.getArtifactInfoJNI(1)), "run and results in another mode");
+    d.releaseJNI(1);
+    check(Arrays.asList(address, RUN, RELEASE), state(d), "timing lines in another mode");
     check(TWO, d.getArtifactInfoJNI(0), "another mode neither ran nor released anything");
     // There initializeJNI makes a detector for that call only, but main_obj follows it.
     ArtifactDetector other = new ArtifactDetector();
-    check(true, other.initializeJNI(OTHER_MODE, models), "initializeJNI in another mode");
-    check(0L, reference(other), "another mode stores nothing");
-    check(true, TestSupport.globalsAre(other), "main_obj follows the latest initializeJNI");
+    check(true, other.initializeJNI(1, models) && reference(other) == 0
+        && TestSupport.globalsAre(other), "another mode stores nothing; main_obj follows");
 
-    check(true, d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 0), "run finding nothing");
-    check("[]", d.getArtifactInfoJNI(0), "empty results");
+    check(Arrays.asList(true, "[]"), Arrays.asList(d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 0),
+        d.getArtifactInfoJNI(0)), "a run finding nothing");
     TestSupport.captureLog();
     d.releaseJNI(0);
-    check(address, reference(d), "releaseJNI leaves the stale address");
-    check(Arrays.asList(RELEASE), log(), "release timing");
+    check(Arrays.asList(address, RELEASE), state(d), "releaseJNI leaves the stale address");
   }
 
   private static void convenienceClass() throws Exception {
@@ -97,12 +84,11 @@ public final class ArtifactDetectorJniTest {
     ArtifactDetector d = new ArtifactDetector();
     check("", d.getResultJson(), "results before initialize");
     check(true, d.initialize(models) && d.detect(FRAME, W, H), "initialize and detect");
-    check("[{\"score\":0.5,\"tag\":\"Noise\",\"tag_id\":9}]", d.getResultJson(), "results");
+    check("[" + NOISE + "]", d.getResultJson(), "results");
     TestSupport.captureLog();
     d.close();
     d.close();  // releases once: a second release would free the detector twice
-    check(Arrays.asList(RELEASE), log(), "one release");
-    check(0L, reference(d), "close forgets the address");
+    check(Arrays.asList(0L, RELEASE), state(d), "one release; close forgets the address");
     for (Runnable call : new Runnable[] {d::getResultJson, () -> d.detect(FRAME, W, H),
         () -> d.initialize(models)}) {
       try {
@@ -120,19 +106,22 @@ public final class ArtifactDetectorJniTest {
     }
   }
 
-  /** The bindings' messages since the last captureLog or log call. */
-  private static List<String> log() {
-    return Arrays.asList(TestSupport.takeLog());
-  }
-
-  /** A timing line as the log capture gives it, the milliseconds replaced by N. */
-  private static String timing(String what) {
-    return "TQ Debug: Time taken for " + what + ": N ms";
-  }
-
   private static long reference(ArtifactDetector d) throws ReflectiveOperationException {
     Field field = ArtifactDetector.class.getDeclaredField("artifact_detector_reference");
     field.setAccessible(true);
     return field.getLong(d);
+  }
+
+  /** The address the object holds, then the bindings' messages since the last look (ms as N). */
+  private static List<Object> state(ArtifactDetector d) throws ReflectiveOperationException {
+    String log = TestSupport.takeLog();
+    List<Object> out =
+        new ArrayList<>(Arrays.asList(log.isEmpty() ? new Object[0] : log.split("\n")));
+    out.add(0, reference(d));
+    return out;
+  }
+
+  private static String timing(String what) {
+    return "TQ Debug: Time taken for " + what + ": N ms";
   }
 }

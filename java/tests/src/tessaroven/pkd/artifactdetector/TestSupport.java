@@ -12,8 +12,8 @@ final class TestSupport {
   /** From now on the bindings' info messages are kept (header cut), earlier ones dropped. */
   static native void captureLog();
 
-  /** The messages kept since the last call. */
-  static native String[] takeLog();
+  /** The messages kept since the last call, each ended by a line feed. */
+  static native String takeLog();
 
   /** A fresh fake network that finds exactly the artifact ids given (Noise at 0.5, others 1). */
   static native void scriptNetwork(int... found);
