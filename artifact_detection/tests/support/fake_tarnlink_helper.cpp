@@ -1,28 +1,11 @@
-// ad_test::FakeTarnlink: loads a fake inference library and reaches its control functions.
+// ad_test::FakeTarnlink: loads a fake inference library and drives it.
 #include <dlfcn.h>
 
 #include <stdexcept>
 
 #include "support/fake_tarnlink.h"
 
-#ifndef AD_FAKE_TARNLINK_BASE_DIR
-#error "AD_FAKE_TARNLINK_BASE_DIR names the build directory of the fake inference library"
-#endif
-
 namespace ad_test {
-namespace {
-
-void* open_or_throw(const std::string& name) {
-  void* handle = dlopen(name.c_str(), RTLD_LAZY);
-  if (handle == nullptr) {
-    const char* error = dlerror();
-    throw std::runtime_error("cannot load fake inference library " + name + ": " +
-                             (error ? error : ""));
-  }
-  return handle;
-}
-
-}  // namespace
 
 std::string FakeTarnlink::path(FakeVariant variant) {
   const char* const suffixes[] = {"", "_no_zeph_options", "_no_output_format", "_required_only",
@@ -37,21 +20,11 @@ bool FakeTarnlink::is_loaded(const std::string& path) {
   return handle != nullptr;
 }
 
-FakeTarnlink::FakeTarnlink() : handle_(open_or_throw(kFakeTarnLibraryName)) {
-  Dl_info info{};
-  void* symbol = dlsym(handle_, "fake_tarn_reset");
-  if (symbol == nullptr || dladdr(symbol, &info) == 0 || info.dli_fname == nullptr) {
-    dlclose(handle_);
-    throw std::runtime_error("the library found by the bare name is not the fake");
-  }
-  path_ = info.dli_fname;
-  reset();
-}
-
 FakeTarnlink::FakeTarnlink(FakeVariant variant)
-    : path_(path(variant)), handle_(open_or_throw(path_)) {
-  // The code under test asks for the bare name; it must get this instance, not another one
-  // loaded earlier.
+    : path_(path(variant)), handle_(dlopen(path_.c_str(), RTLD_LAZY)) {
+  if (handle_ == nullptr) throw std::runtime_error("cannot load " + path_ + ": " + dlerror());
+  // The code under test asks for the bare name: it must get this instance, not one loaded
+  // earlier.
   void* by_name = dlopen(kFakeTarnLibraryName, RTLD_LAZY | RTLD_NOLOAD);
   if (by_name != nullptr) dlclose(by_name);
   if (by_name != handle_) {
@@ -64,44 +37,36 @@ FakeTarnlink::FakeTarnlink(FakeVariant variant)
 FakeTarnlink::~FakeTarnlink() { dlclose(handle_); }
 
 template <typename F>
-F FakeTarnlink::control(const char* name) const {
-  void* symbol = dlsym(handle_, name);
-  if (symbol == nullptr) throw std::runtime_error(std::string("fake lacks ") + name);
-  return reinterpret_cast<F>(symbol);
+auto FakeTarnlink::with_state(F f) const {
+  std::unique_lock<std::mutex> lock;
+  return f(*reinterpret_cast<decltype(&fake_tarn_lock)>(dlsym(handle_, "fake_tarn_lock"))(&lock));
 }
 
-#define FAKE_CONTROL(name) control<decltype(&name)>(#name)
-
-void FakeTarnlink::reset() { FAKE_CONTROL(fake_tarn_reset)(); }
+void FakeTarnlink::reset() {
+  with_state([](FakeTarnState& s) { s = FakeTarnState(); });
+}
 
 void FakeTarnlink::set_input_size(int width, int height) {
-  FAKE_CONTROL(fake_tarn_set_input_size)(width, height);
+  with_state([&](FakeTarnState& s) { s.width = width, s.height = height; });
 }
 
 void FakeTarnlink::set_layer_output(const std::string& layer, const std::vector<float>& values,
                                     std::array<int, 4> dims, int format) {
-  FAKE_CONTROL(fake_tarn_set_layer_output)
-  (layer.c_str(), values.data(), values.size(), dims[0], dims[1], dims[2], dims[3], format);
+  with_state([&](FakeTarnState& s) { s.outputs[layer] = {values, dims, format}; });
 }
 
 void FakeTarnlink::set_failure(FakeTarnOp op, FakeTarnFailure failure) {
-  FAKE_CONTROL(fake_tarn_set_failure)(op, failure);
-}
-
-std::vector<FakeTarnCall> FakeTarnlink::calls() const {
-  const size_t count = FAKE_CONTROL(fake_tarn_call_count)();
-  const auto at = FAKE_CONTROL(fake_tarn_call_at);
-  std::vector<FakeTarnCall> out;
-  for (size_t i = 0; i < count; ++i) out.push_back(*at(i));
-  return out;
+  if (op < FAKE_TARN_OP_COUNT) with_state([&](FakeTarnState& s) { s.failures[op] = failure; });
 }
 
 std::vector<FakeTarnCall> FakeTarnlink::calls(FakeTarnOp op) const {
-  std::vector<FakeTarnCall> out;
-  for (FakeTarnCall& call : calls()) {
-    if (call.op == op) out.push_back(std::move(call));
-  }
-  return out;
+  return with_state([&](FakeTarnState& s) {
+    std::vector<FakeTarnCall> out;
+    for (const FakeTarnCall& call : s.calls) {
+      if (op == FAKE_TARN_OP_COUNT || call.op == op) out.push_back(call);
+    }
+    return out;
+  });
 }
 
 std::vector<FakeTarnOp> FakeTarnlink::call_ops() const {
@@ -111,15 +76,11 @@ std::vector<FakeTarnOp> FakeTarnlink::call_ops() const {
 }
 
 std::vector<float> FakeTarnlink::last_input() const {
-  const float* values = nullptr;
-  const size_t count = FAKE_CONTROL(fake_tarn_last_input)(&values);
-  return std::vector<float>(values, values + count);
+  return with_state([](FakeTarnState& s) { return s.last_input; });
 }
 
-int FakeTarnlink::sessions_created() const { return FAKE_CONTROL(fake_tarn_sessions_created)(); }
-
-int FakeTarnlink::sessions_destroyed() const {
-  return FAKE_CONTROL(fake_tarn_sessions_destroyed)();
+int FakeTarnlink::live_sessions() const {
+  return with_state([](FakeTarnState& s) { return s.live_sessions; });
 }
 
 }  // namespace ad_test
