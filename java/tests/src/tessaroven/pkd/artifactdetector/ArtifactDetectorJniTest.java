@@ -9,7 +9,7 @@ import java.util.Arrays;
 import java.util.List;
 import java.util.Random;
 
-/** The native methods in a real JVM against the scripted inference library; exit 1 on failure. */
+/** The native methods in a real JVM against the scripted inference library. */
 public final class ArtifactDetectorJniTest {
   private static final int W = 64, H = 48;
   // Logit +inf gives probability exactly 1, logit 0 exactly 0.5 (Noise's threshold is 0.2).
@@ -20,7 +20,6 @@ public final class ArtifactDetectorJniTest {
   private static final String RELEASE = timing("release");
   private static final byte[] FRAME = new byte[W * H * 3];  // random: nowhere near one colour
   private static String models;
-  private static int failures;
 
   public static void main(String[] args) throws Exception {
     new Random(1).nextBytes(FRAME);
@@ -37,8 +36,6 @@ public final class ArtifactDetectorJniTest {
     TestSupport.load();
     nativeMethods();
     convenienceClass();
-    if (failures != 0) System.err.println(failures + " check(s) failed");
-    System.exit(failures == 0 ? 0 : 1);
   }
 
   private static void nativeMethods() throws Exception {
@@ -48,7 +45,6 @@ public final class ArtifactDetectorJniTest {
         d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 0)), "results and run before initializeJNI");
     d.releaseJNI(0);
     check(Arrays.asList(0L, RUN, RELEASE), state(d), "field and log before initializeJNI");
-
     TestSupport.scriptNetwork(5, 9);
     check(true, d.initializeJNI(0, models) && TestSupport.globalsAre(d), "jvm and main_obj set");
     long address = reference(d);
@@ -82,9 +78,8 @@ public final class ArtifactDetectorJniTest {
   private static void convenienceClass() throws Exception {
     TestSupport.scriptNetwork(9);
     ArtifactDetector d = new ArtifactDetector();
-    check("", d.getResultJson(), "results before initialize");
-    check(true, d.initialize(models) && d.detect(FRAME, W, H), "initialize and detect");
-    check("[" + NOISE + "]", d.getResultJson(), "results");
+    check(Arrays.asList("", true, "[" + NOISE + "]"), Arrays.asList(d.getResultJson(),
+        d.initialize(models) && d.detect(FRAME, W, H), d.getResultJson()), "results, run, results");
     TestSupport.captureLog();
     d.close();
     d.close();  // releases once: a second release would free the detector twice
@@ -101,8 +96,7 @@ public final class ArtifactDetectorJniTest {
 
   private static void check(Object expected, Object actual, String what) {
     if (!expected.equals(actual)) {
-      ++failures;
-      System.err.println("FAILED " + what + ": expected <" + expected + ">, was <" + actual + ">");
+      throw new AssertionError(what + ": expected <" + expected + ">, was <" + actual + ">");
     }
   }
 
