@@ -1,3 +1,5 @@
+// The inference library loader: the four places it tries, in order, and the operations it
+// looks up, each with its fixed log lines.
 #include "core/model_interface/dl_loader.h"
 
 #include <dlfcn.h>
@@ -16,39 +18,38 @@ namespace {
 using ad_test::FakeTarnlink;
 using ad_test::FakeVariant;
 using Strings = std::vector<std::string>;
-using namespace std::string_literals;
-
-// Per place, the lines logged when it loads and when it does not; "%s" is the path tried.
-const std::pair<std::string, std::string> kPlaceLines[] = {
-    {"12: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR",
-     "15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed"},
-    {"22: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
-     "25: TQ Debug: Dynamic loading of libTarnlink from %s failed"},
-    {"35: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
-     "38: TQ Debug: Dynamic loading of libTarnlink from %s failed"},
-    {"48: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
-     "54: TQ Debug: Dynamic loading of libTarnlink failed.\nERROR: %s: cannot open shared object "
-     "file: No such file or directory"}};  // the linker's dlerror() text
 
 // Copies of the fake stand in for the system and vendor files; the bare name reaches the fake
 // through the RPATH.
 TEST(Loader, TriesTheFourPlacesInOrderAndLogsEachAttempt) {
+  // Per place, the lines logged when it loads and when it does not; "%s" is the path tried.
+  const std::pair<std::string, std::string> lines[] = {
+      {"12: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR",
+       "15: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR failed"},
+      {"22: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
+       "25: TQ Debug: Dynamic loading of libTarnlink from %s failed"},
+      {"35: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
+       "38: TQ Debug: Dynamic loading of libTarnlink from %s failed"},
+      {"48: TQ Debug: Dynamic loading of libTarnlink successfull from %s",
+       "54: TQ Debug: Dynamic loading of libTarnlink failed.\nERROR: %s: cannot open shared object "
+       "file: No such file or directory"}};  // the linker's dlerror() text
   const std::string full = FakeTarnlink::path(FakeVariant::kFull);
-  // Which places hold a library ('1'), and the one expected to load (-1: none).
-  const std::pair<const char*, int> cases[] = {
-      {"1111", 0}, {"0111", 1}, {"0011", 2}, {"0001", 3}, {"0000", -1}};
-  for (const auto& [present, winner] : cases) {
+  // Which places hold a library, and the one expected to load (-1: none).
+  for (const auto& [present, winner] :
+       {std::pair{"1111", 0}, {"0111", 1}, {"0011", 2}, {"0001", 3}, {"0000", -1}}) {
     SCOPED_TRACE(present);
     ad_test::TempDir dir;
     const Strings names = {present[0] == '1' ? kFakeTarnLibraryName : "libTarnlink_absent.so",
                            dir.base() + "aidl.so", dir.base() + "hidl.so",
                            dir.base() + "vendor.so"};
-    for (int i = 1; i < 4; ++i)
-      if (present[i] == '1') std::filesystem::copy_file(full, names[i]);
     Strings expected;
-    for (int i = 0; i <= (winner < 0 ? 3 : winner); ++i) {
-      const std::string& line = i == winner ? kPlaceLines[i].first : kPlaceLines[i].second;
-      expected.push_back("dl_loader.cpp: " + std::regex_replace(line, std::regex("%s"), names[i]));
+    for (int i = 0; i < 4; ++i) {
+      if (i > 0 && present[i] == '1') std::filesystem::copy_file(full, names[i]);
+      const std::string& line = i == winner ? lines[i].first : lines[i].second;
+      if (winner < 0 || i <= winner) {
+        expected.push_back("dl_loader.cpp: " +
+                           std::regex_replace(line, std::regex("%s"), names[i]));
+      }
     }
     ad_test::LogCapture capture;
     void* handle = nullptr;
@@ -64,7 +65,7 @@ TEST(Loader, TriesTheFourPlacesInOrderAndLogsEachAttempt) {
     EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"), expected);
     if (handle == nullptr) continue;
     Dl_info info{};
-    ASSERT_NE(dladdr(dlsym(handle, "fake_tarn_reset"), &info), 0);
+    ASSERT_NE(dladdr(dlsym(handle, "fake_tarn_lock"), &info), 0);
     EXPECT_TRUE(std::filesystem::equivalent(info.dli_fname, winner == 0 ? full : names[winner]));
     dlclose(handle);
   }
@@ -73,26 +74,28 @@ TEST(Loader, TriesTheFourPlacesInOrderAndLogsEachAttempt) {
 TEST(Loader, GettersReturnTheSymbolOrLogTheirLineAndNull) {
   // Getter, symbol after "TarnWrapper_", line of its missing-symbol message, and the name
   // that message gives when it is not the symbol.
-  const std::tuple<void* (*)(void*), const char*, int, const char*> cases[] = {
-      {get_create_fptr, "create", 65, nullptr},
-      {get_open_fptr, "openDLModel", 73, nullptr},
+  // clang-format off
+  const std::tuple<void* (*)(void*), std::string, int, const char*> cases[] = {
+      {get_create_fptr, "create", 65, nullptr}, {get_open_fptr, "openDLModel", 73, nullptr},
       {get_open_fptr_direct_latency, "openDLModel_direct_latency", 81, nullptr},
       {get_open_fptr_direct, "openDLModel_direct", 89, nullptr},
       {get_inputDimens_fptr, "getInputDimens", 97, "inputDimens_fptr"},
       {get_inputChannels_fptr, "getInputChannels", 105, "inputChannels_fptr"},
-      {get_execute_fptr, "execute", 113, nullptr},
-      {get_output_fptr, "getLayerOutput", 121, nullptr},
+      {get_execute_fptr, "execute", 113, nullptr}, {get_output_fptr, "getLayerOutput", 121, nullptr},
       {get_output_and_format_fptr, "getLayerOutputAndFormat", 130, nullptr},
       {get_destroy_fptr, "destroy", 139, nullptr},
       {get_setChannelMeans_fptr, "setChannelMeans", 147, "setChannelMeans_fptr"},
       {get_open_fptr_zeph_options, "openDLModel_zephOptions", 155, nullptr}};
+  // clang-format on
   FakeTarnlink fake;
   void* empty = dlopen(FakeTarnlink::path(FakeVariant::kNoOperations).c_str(), RTLD_LAZY);
   ASSERT_NE(empty, nullptr);
   for (const auto& [getter, symbol, line, name] : cases) {
     SCOPED_TRACE(symbol);
     ad_test::LogCapture capture;  // a symbol found logs nothing
-    EXPECT_EQ(getter(fake.handle()), dlsym(fake.handle(), ("TarnWrapper_"s + symbol).c_str()));
+    void* const found = getter(fake.handle());
+    EXPECT_TRUE(found != nullptr &&
+                found == dlsym(fake.handle(), ("TarnWrapper_" + symbol).c_str()));
     EXPECT_EQ(getter(empty), nullptr);
     EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"),
               Strings{"dl_loader.cpp: " + std::to_string(line) + ": TQ Debug: TarnWrapper_" +
