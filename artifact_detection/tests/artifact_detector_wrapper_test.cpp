@@ -4,20 +4,18 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <functional>
 #include <new>
 
+#include "support/detector_fixtures.h"
 #include "support/fake_tarnlink.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
 
 // The n-th allocation after g_fail_in = n fails, with std::bad_alloc or, to check what create
-// does not catch, with an int.
+// does not catch, with an int. Every plain form comes from malloc, or a sanitizer sees e.g.
+// the standard library's nothrow buffers freed by the wrong delete. GCC pairs an inlined
+// delete with the malloc inside and calls it a mismatch; the pairs are consistent.
 static int g_fail_in = 0;
 static bool g_fail_with_int = false;
-
-// GCC pairs an inlined delete with the malloc inside this replacement and calls it a
-// mismatch; the replacement pair is consistent, so the warning is silenced for it alone.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmismatched-new-delete"
@@ -27,18 +25,16 @@ void* operator new(std::size_t size) {
   if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
   throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-// Every other plain form must come from the same allocator, or a sanitizer sees e.g. the
-// standard library's nothrow temporary buffers freed by the delete above.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return std::malloc(size == 0 ? 1 : size);
 }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-  return operator new(size, tag);
+void* operator new[](std::size_t size, const std::nothrow_t& t) noexcept {
+  return operator new(size, t);
 }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
@@ -49,7 +45,6 @@ void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); 
 namespace {
 
 using ad_test::LogLine;
-constexpr int64_t kBgr = int64_t{1} << 32;  // format 1 in the upper half
 
 LogLine wrapper_line(int line, const std::string& message) {
   return {"ImageSearchJNI_ARTI_DET", 2,
@@ -58,74 +53,72 @@ LogLine wrapper_line(int line, const std::string& message) {
 
 // The first two allocations of Create are the detector and its engine; failing either leaves
 // nothing behind (the sanitizer build checks for leaks). Other exceptions pass unlogged.
-TEST(ArtifactDetectorWrapperCreate, FailureAnswersNullWithOneLine) {
+TEST(ArtifactDetectorWrapper, CreateFailureAnswersNullWithOneLine) {
+  const LogLine failed = wrapper_line(15,
+                                      "ArtifactDetectorWrapper_create: can't create "
+                                      "ArtifactDetectorWrapper:  exception: std::bad_alloc");
   for (int nth : {1, 2}) {
     ad_test::LogCapture capture;
     g_fail_in = nth;
     EXPECT_EQ(ArtifactDetectorWrapper_create(), nullptr);
-    EXPECT_EQ(capture.lines(), std::vector<LogLine>{wrapper_line(
-                                   15, "ArtifactDetectorWrapper_create: can't create "
-                                       "ArtifactDetectorWrapper:  exception: std::bad_alloc")});
+    EXPECT_EQ(capture.lines(), std::vector<LogLine>{failed});
   }
   ad_test::LogCapture capture;
-  g_fail_in = 1;
-  g_fail_with_int = true;
+  g_fail_in = 1, g_fail_with_int = true;
   EXPECT_THROW(ArtifactDetectorWrapper_create(), int);
   g_fail_with_int = false;
   EXPECT_TRUE(capture.lines().empty());
 }
 
 // Each function's own line comes first, then whatever the detector logs; destroy logs none.
-// The detector runs on the scripted inference library, whose network finds DonutBlur (5) with
-// logit +inf, probability 1, and Noise (9) with logit 0, probability 0.5.
+// The detector logs the format it was handed: the upper half of the word. The C program
+// checks the records and the count's answer.
 TEST(ArtifactDetectorWrapper, EachFunctionLogsItsLineAndForwards) {
   ad_test::TempDir models;
   const std::string path = models.base();
-  models.write_file("artifact_detector/artifact_detector_cnn.info",
-                    "{\n\"model_type\": \"cpu\",\n\"model_path\": \"" + path + "net.onnx\"\n}\n");
+  ad_test::write_model_info(models, path + "net.onnx");
   ad_test::FakeTarnlink fake;
-  std::vector<float> logits(12, -INFINITY);
-  logits[5] = INFINITY;
-  logits[9] = 0.0f;
   fake.set_input_size(32, 32);
-  fake.set_layer_output("Identity", logits, {1, 12, 1, 1}, 0);
+  fake.set_layer_output("Identity", {-INFINITY, INFINITY}, {1, 2, 1, 1}, 0);  // Reflection (1)
   std::unique_ptr<ArtifactDetectorWrapper, void (*)(ArtifactDetectorWrapper*)> handle(
       ArtifactDetectorWrapper_create(), ArtifactDetectorWrapper_destroy);
-  std::vector<char> frame(64 * 48 * 4);  // room for RGBA
-  for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<char>(i * 7 + i / 97 * 13);
-  char name[] = "frame.jpg";
-  auto execute = [&](int64_t word, bool with_name) {
-    return with_name ? ArtifactDetectorWrapper_execute_with_image_name(handle.get(), &frame[0], 64,
-                                                                       48, 0, word, name)
-                     : ArtifactDetectorWrapper_execute(handle.get(), &frame[0], 64, 48, 0, word);
-  };
-  Artifact_Info found[2] = {};  // the C program checks the records
-  const std::tuple<std::function<bool()>, int, std::string> rows[] = {
-      {[&] { return ArtifactDetectorWrapper_Initialize(handle.get(), 7, path.c_str()); }, 26,
-       "ArtifactDetectorWrapper_initialize model path c wrapper=[" + path + "]"},
-      {[&] { return execute(kBgr, false); }, 37, "ArtifactDetectorWrapper_execute c wrapper"},
-      {[&] { return execute(kBgr, true); }, 32, "ArtifactDetectorWrapper_execute c wrapper"},
-      {[&] { return ArtifactDetectorWrapper_get_total_artifact_count(handle.get()); }, 43,
-       "ArtifactDetectorWrapper_get_total_artifact_count c wrapper"},
-      {[&] { return ArtifactDetectorWrapper_get_artifact_info(handle.get(), found); }, 48,
-       "ArtifactDetectorWrapper_get_box_info c wrapper"}};
-  for (const auto& [call, line, message] : rows) {
+  auto* h = handle.get();
+  cv::Mat frame = ad_test::textured(48, 64, 3, CV_8UC4);  // room for RGBA
+  char *pixels = reinterpret_cast<char*>(frame.data), name[] = "frame.jpg";
+  Artifact_Info found[1] = {};
+  auto logs = [](auto call) {
     ad_test::LogCapture capture;
-    EXPECT_TRUE(call()) << line;
-    EXPECT_EQ(capture.lines().at(0), wrapper_line(line, message));
-  }
-  // The detector logs the format it was handed: the upper half of the word.
-  for (const auto& [word, format] : {std::pair<int64_t, int>{2, 0}, {int64_t{2} << 32, 2},
-                                     {kBgr, 1}, {(int64_t{2} << 32) | 1, 2}, {-1, -1}}) {
-    for (bool with_name : {false, true}) {
-      ad_test::LogCapture capture;
-      execute(word, with_name);
-      EXPECT_TRUE(capture.contains("artifact_detector Execute with odd skip called : width : 64 "
-                                   "height : 48 image_rotation : 0 image_format : " +
-                                   std::to_string(format)))
-          << word << " with image name: " << with_name;
+    EXPECT_TRUE(call());
+    return capture.lines();
+  };
+  EXPECT_EQ(
+      logs([&] { return ArtifactDetectorWrapper_Initialize(h, 7, path.c_str()); }).at(0),
+      wrapper_line(26, "ArtifactDetectorWrapper_initialize model path c wrapper=[" + path + "]"));
+  const std::string execute = "ArtifactDetectorWrapper_execute c wrapper",
+                    format =
+                        "Execute with odd skip called : width : 64 height : 48 image_rotation "
+                        ": 0 image_format : ";
+  for (const auto& [word, f] : {std::pair<int64_t, int>{2, 0},
+                                {int64_t{2} << 32, 2},
+                                {int64_t{1} << 32, 1},
+                                {(int64_t{2} << 32) | 1, 2},
+                                {-1, -1}}) {
+    SCOPED_TRACE(word);
+    const auto plain =
+        logs([&] { return ArtifactDetectorWrapper_execute(h, pixels, 64, 48, 0, word); });
+    const auto named = logs([&] {
+      return ArtifactDetectorWrapper_execute_with_image_name(h, pixels, 64, 48, 0, word, name);
+    });
+    EXPECT_EQ(std::tie(plain.at(0), named.at(0)),
+              std::make_tuple(wrapper_line(37, execute), wrapper_line(32, execute)));
+    for (const auto& lines : {plain, named}) {
+      EXPECT_NE(lines.at(1).text.find(format + std::to_string(f) + "\n"), std::string::npos);
     }
   }
+  EXPECT_EQ(logs([&] { return ArtifactDetectorWrapper_get_total_artifact_count(h); }).at(0),
+            wrapper_line(43, "ArtifactDetectorWrapper_get_total_artifact_count c wrapper"));
+  EXPECT_EQ(logs([&] { return ArtifactDetectorWrapper_get_artifact_info(h, found); }).at(0),
+            wrapper_line(48, "ArtifactDetectorWrapper_get_box_info c wrapper"));
   ad_test::LogCapture capture;
   handle.reset();
   for (const LogLine& l : capture.lines()) EXPECT_EQ(l.text.find("wrapper"), std::string::npos);
