@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <string>
 #include <vector>
@@ -34,14 +35,11 @@ cv::Mat converted(PageEndBuffer& nv21, int width, int height) {
 
 // A 4 x 2 frame whose pixel p sits at (p % 4, p / 4); per rotation, the frame pixel at each
 // upright position, row by row. Values that do not turn give back the very same memory.
-const struct {
-  int rotation;
-  cv::Size size;
-  int from[8];
-} kTurns[] = {{0, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}},   {90, {2, 4}, {4, 0, 5, 1, 6, 2, 7, 3}},
-              {180, {4, 2}, {7, 6, 5, 4, 3, 2, 1, 0}}, {270, {2, 4}, {3, 7, 2, 6, 1, 5, 0, 4}},
-              {360, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}}, {-90, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}},
-              {45, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}}};
+const std::tuple<int, cv::Size, std::array<int, 8>> kTurns[] = {
+    {0, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}},   {90, {2, 4}, {4, 0, 5, 1, 6, 2, 7, 3}},
+    {180, {4, 2}, {7, 6, 5, 4, 3, 2, 1, 0}}, {270, {2, 4}, {3, 7, 2, 6, 1, 5, 0, 4}},
+    {360, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}}, {-90, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}},
+    {45, {4, 2}, {0, 1, 2, 3, 4, 5, 6, 7}}};
 
 TEST(Decoding, GivesTheUprightPixelsOfEveryFormat) {
   std::vector<cv::Vec3b> pixels;  // B,G,R of frame pixel p
@@ -56,33 +54,30 @@ TEST(Decoding, GivesTheUprightPixelsOfEveryFormat) {
   const std::vector<cv::Vec3b> nv21_pixels = {{0, 0, 0},       {255, 255, 255}, {0, 0, 115},
                                               {141, 246, 255}, {98, 98, 98},    {40, 40, 40},
                                               {77, 182, 255},  {0, 98, 245}};
-  const struct {
-    Format format;
-    const std::vector<uchar>& bytes;
-    const std::vector<cv::Vec3b>& pixels;
-    const char* log;
-    bool view;  // of the caller's buffer; the others own their pixels
-  } cases[] = {{Format::BGR, bgr, pixels, "BGR", true},
-               {Format(7), bgr, pixels, "BGR", true},  // every unnamed format is B,G,R
-               {Format::RGBA, rgba, pixels, "RGBA", false},
-               {Format::NV21, nv21, nv21_pixels, "NV21", false}};
-  for (const auto& c : cases) {
-    for (const auto& turn : kTurns) {
-      SCOPED_TRACE(std::string(c.log) + " " + std::to_string(turn.rotation));
-      std::vector<uchar> buffer = c.bytes;
+  // Per format: bytes, pixels, the name it logs, whether the image is a view of the bytes (the
+  // others own their pixels). Every unnamed format is B,G,R.
+  const std::tuple<Format, std::vector<uchar>, std::vector<cv::Vec3b>, const char*, bool> cases[] =
+      {{Format::BGR, bgr, pixels, "BGR", true},
+       {Format(7), bgr, pixels, "BGR", true},
+       {Format::RGBA, rgba, pixels, "RGBA", false},
+       {Format::NV21, nv21, nv21_pixels, "NV21", false}};
+  for (const auto& [format, bytes, frame_pixels, name, view] : cases) {
+    for (const auto& [rotation, size, from] : kTurns) {
+      SCOPED_TRACE(std::string(name) + " " + std::to_string(rotation));
+      std::vector<uchar> buffer = bytes;
       LogCapture capture;
       const cv::Mat decoded =
-          get_bgr_mat_from_buffer(reinterpret_cast<char*>(buffer.data()), 4, 2, c.format);
+          get_bgr_mat_from_buffer(reinterpret_cast<char*>(buffer.data()), 4, 2, format);
       EXPECT_EQ(capture.info_messages(),
-                Strings{std::string("TQ Debug: Converting image format - ") + c.log});
-      EXPECT_EQ(decoded.data == buffer.data(), c.view);
-      if (!c.view) std::fill(buffer.begin(), buffer.end(), 0);
-      const cv::Mat upright = rotate_image(decoded, turn.rotation);
-      cv::Mat expected(turn.size, CV_8UC3);
+                Strings{std::string("TQ Debug: Converting image format - ") + name});
+      EXPECT_EQ(decoded.data == buffer.data(), view);
+      if (!view) std::fill(buffer.begin(), buffer.end(), 0);
+      const cv::Mat upright = rotate_image(decoded, rotation);
+      cv::Mat expected(size, CV_8UC3);
       for (int i = 0; i < 8; ++i)
-        expected.at<cv::Vec3b>(i / turn.size.width, i % turn.size.width) = c.pixels[turn.from[i]];
+        expected.at<cv::Vec3b>(i / size.width, i % size.width) = frame_pixels[from[i]];
       EXPECT_TRUE(same_bytes(upright, expected));
-      const bool turns = turn.rotation == 90 || turn.rotation == 180 || turn.rotation == 270;
+      const bool turns = rotation == 90 || rotation == 180 || rotation == 270;
       EXPECT_EQ(upright.data == decoded.data, !turns);
     }
   }
@@ -98,19 +93,17 @@ TEST(Decoding, OddNv21HeightIsRefused) {
 
 // Width 20: columns 0-15 take the vector path, 16-19 the scalar path; both give these bytes.
 TEST(Nv21, ConverterWorkedValuesInVectorAndScalarColumns) {
-  const struct {
-    int y, u, v;
-    cv::Vec3b bgr;
-  } table[] = {{128, 128, 128, {128, 128, 128}}, {100, 128, 200, {100, 48, 201}},  // truncated
-               {255, 128, 255, {255, 164, 255}}, {0, 0, 128, {0, 44, 0}},          // B clamps at 0
-               {0, 0, 0, {0, 135, 0}},           {255, 255, 255, {255, 120, 255}},
-               {255, 0, 255, {28, 208, 255}},    {0, 255, 0, {225, 47, 0}}};
-  for (const auto& p : table) {
+  const std::tuple<int, int, int, cv::Vec3b> table[] = {
+      {128, 128, 128, {128, 128, 128}}, {100, 128, 200, {100, 48, 201}},  // truncated
+      {255, 128, 255, {255, 164, 255}}, {0, 0, 128, {0, 44, 0}},          // B clamps at 0
+      {0, 0, 0, {0, 135, 0}},           {255, 255, 255, {255, 120, 255}},
+      {255, 0, 255, {28, 208, 255}},    {0, 255, 0, {225, 47, 0}}};
+  for (const auto& [y, u, v, want] : table) {
     PageEndBuffer frame(20 * 3);
-    for (int i = 0; i < 60; ++i) frame[i] = i < 40 ? p.y : i % 2 == 0 ? p.v : p.u;
+    for (int i = 0; i < 60; ++i) frame[i] = i < 40 ? y : i % 2 == 0 ? v : u;
     const cv::Mat bgr = converted(frame, 20, 2);
-    EXPECT_TRUE(same_bytes(bgr, cv::Mat(2, 20, CV_8UC3, cv::Scalar(p.bgr[0], p.bgr[1], p.bgr[2]))))
-        << p.y << " " << p.u << " " << p.v;
+    EXPECT_TRUE(same_bytes(bgr, cv::Mat(2, 20, CV_8UC3, cv::Scalar(want[0], want[1], want[2]))))
+        << y << " " << u << " " << v;
   }
 }
 
