@@ -14,7 +14,7 @@
 
 namespace {
 std::mutex g_mutex;
-std::vector<std::string> g_messages;
+std::string g_log;  // the kept messages, each ended by a line feed
 }  // namespace
 
 extern "C" {
@@ -24,7 +24,7 @@ extern "C" {
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_captureLog(JNIEnv*,
                                                                                    jclass) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_messages.clear();
+  g_log.clear();
   __android_log_set_logger([](const __android_logger_data* data, const char* message) {
     static const std::regex line(
         R"(\[\d\d:\d\d:\d\d\] artifact_detector_jni\.cpp:\d+: ([^\n]*)\n)");
@@ -33,19 +33,17 @@ JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_captureL
     if (data->priority == ANDROID_LOG_INFO && data->tag && message &&
         std::string(data->tag) == "TQR_ARTIFACT_DET" && std::regex_match(message, match, line)) {
       std::lock_guard<std::mutex> lock(g_mutex);
-      g_messages.push_back(std::regex_replace(match[1].str(), milliseconds, "$1N ms"));
+      g_log += std::regex_replace(match[1].str(), milliseconds, "$1N ms") + "\n";
     }
   });
 }
 
-// The messages kept since the last call, each ended by a line feed.
 JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_takeLog(JNIEnv* env,
                                                                                    jclass) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  std::string text;
-  for (const std::string& message : g_messages) text += message + "\n";
-  g_messages.clear();
-  return env->NewStringUTF(text.c_str());
+  const jstring text = env->NewStringUTF(g_log.c_str());
+  g_log.clear();
+  return text;
 }
 
 // Resets the fake and makes every run of a network with a 32 x 32 input report logit +inf
