@@ -79,6 +79,23 @@ std::string ratio(double ours, double peer) {
   return fixed(ours / peer, 2) + "x";
 }
 
+// Ours against OpenCV on one thread and on all, per frame size, for the runs named "<key>/...".
+void opencv_table(std::ostream& os, const Table& t, const std::string& key,
+                  const std::string& title, const std::string& intro) {
+  os << "\n### " << title << "\n\n"
+     << intro << "\n\n"
+     << "| frame | ours | OpenCV 1 thread | OpenCV all threads | vs OpenCV 1 thread | vs OpenCV "
+        "all threads |\n"
+     << "|---|---:|---:|---:|---:|---:|\n";
+  for (cv::Size size : conversion_sizes()) {
+    const std::string s = size_name(size);
+    const double ours = t.median(key + "/ours/" + s), cv1 = t.median(key + "/opencv_1t/" + s),
+                 cvn = t.median(key + "/opencv_mt/" + s);
+    os << "| " << s << " | " << cell(ours) << " | " << cell(cv1) << " | " << cell(cvn) << " | "
+       << ratio(ours, cv1) << " | " << ratio(ours, cvn) << " |\n";
+  }
+}
+
 void conversion_tables(std::ostream& os, const Table& t) {
   os << "### NV21 to BGR, one thread unless stated\n\n"
      << "Median of the repetitions, milliseconds per frame. Ratios are ours / peer: below "
@@ -95,32 +112,14 @@ void conversion_tables(std::ostream& os, const Table& t) {
        << cell(cvn) << " | " << cell(mem) << " | " << ratio(ours, yuv) << " | " << ratio(ours, cv1)
        << " | " << ratio(ours, cvn) << " | " << ratio(ours, mem) << " |\n";
   }
-  os << "\n### NV21 to upright BGR, rotation 90\n\n"
-     << "`nv21_convert_rotate` against `cvtColor` followed by `cv::rotate`; both allocate their "
-        "result every frame.\n\n"
-     << "| frame | ours | OpenCV 1 thread | OpenCV all threads | vs OpenCV 1 thread | vs OpenCV "
-        "all threads |\n"
-     << "|---|---:|---:|---:|---:|---:|\n";
-  for (cv::Size size : conversion_sizes()) {
-    const std::string s = size_name(size);
-    const double ours = t.median("rotate90/ours/" + s), cv1 = t.median("rotate90/opencv_1t/" + s),
-                 cvn = t.median("rotate90/opencv_mt/" + s);
-    os << "| " << s << " | " << cell(ours) << " | " << cell(cv1) << " | " << cell(cvn) << " | "
-       << ratio(ours, cv1) << " | " << ratio(ours, cvn) << " |\n";
-  }
-  os << "\n### NV21 to the network's input: rotation 90, area reduction to 224x224\n\n"
-     << "The detector's one pass (`image_utils::shrink_upright_nv21`) against `cvtColor`, "
-        "`cv::rotate` and `cv::resize` with `INTER_AREA`, which give the same bytes.\n\n"
-     << "| frame | ours | OpenCV 1 thread | OpenCV all threads | vs OpenCV 1 thread | vs OpenCV "
-        "all threads |\n"
-     << "|---|---:|---:|---:|---:|---:|\n";
-  for (cv::Size size : conversion_sizes()) {
-    const std::string s = size_name(size);
-    const double ours = t.median("shrink/ours/" + s), cv1 = t.median("shrink/opencv_1t/" + s),
-                 cvn = t.median("shrink/opencv_mt/" + s);
-    os << "| " << s << " | " << cell(ours) << " | " << cell(cv1) << " | " << cell(cvn) << " | "
-       << ratio(ours, cv1) << " | " << ratio(ours, cvn) << " |\n";
-  }
+  opencv_table(os, t, "rotate90",
+               "NV21 to upright BGR, rotation 90",
+               "`nv21_convert_rotate` against `cvtColor` followed by `cv::rotate`; both allocate "
+               "their result every frame.");
+  opencv_table(os, t, "shrink",
+               "NV21 to the network's input: rotation 90, area reduction to 224x224",
+               "The detector's one pass (`image_utils::shrink_upright_nv21`) against `cvtColor`, "
+               "`cv::rotate` and `cv::resize` with `INTER_AREA`, which give the same bytes.");
 }
 
 void execute_tables(std::ostream& os, const Table& t) {
