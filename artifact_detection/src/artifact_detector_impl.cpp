@@ -160,6 +160,12 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
 
   int target_height = 0;
   int target_width = 0;
+  if (image_format == ArtifactDetector::NV21 && !image_utils::nv21_size_supported(width, height)) {
+    AD_LOG_INFO << "TQ Debug: artifact_detector execute skipped: NV21 needs even width and "
+                   "height, got width : "
+                << width << " height : " << height;
+    return false;
+  }
   const std::shared_ptr<NNet> session = std::atomic_load(&nnet);
   session->get_target_dimen(target_height, target_width);
 
