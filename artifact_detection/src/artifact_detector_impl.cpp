@@ -6,9 +6,10 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <utility>
+
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
-#include <utility>
 
 #include "core/net/NNet.h"
 #include "core/utils/logging.h"
@@ -21,16 +22,16 @@ namespace {
 constexpr const char* kVersion = "v1.18.3";
 
 // Class id n is the name at position n - 1; ids come from the network's output order.
-const char* const kArtifactNames[] = {"Reflection", "Shadow",   "Flare",    "Moire",
-                                      "DonutBlur",  "Blur",     "LDR",      "LowLight",
+const char* const kArtifactNames[] = {"Reflection", "Shadow",   "Flare", "Moire",
+                                      "DonutBlur",  "Blur",     "LDR",   "LowLight",
                                       "Noise",      "MildBlur", "OtherBlur"};
 constexpr int kArtifactCount = sizeof(kArtifactNames) / sizeof(kArtifactNames[0]);
 
 // Built-in acceptance thresholds by class id. OtherBlur at 1.0 is never reported unless a
 // threshold file lowers it.
-const std::pair<int, float> kDefaultThresholds[] = {{1, 0.74f}, {2, 0.64f},  {3, 0.73f}, {4, 0.73f},
-                                                    {5, 0.69f}, {6, 0.52f},  {7, 0.48f}, {8, 0.72f},
-                                                    {9, 0.2f},  {10, 0.58f}, {11, 1.0f}};
+const std::pair<int, float> kDefaultThresholds[] = {
+    {1, 0.74f}, {2, 0.64f}, {3, 0.73f}, {4, 0.73f}, {5, 0.69f}, {6, 0.52f},
+    {7, 0.48f}, {8, 0.72f}, {9, 0.2f},  {10, 0.58f}, {11, 1.0f}};
 
 // The properties file and the session know the model under two spellings.
 constexpr const char* kModelName = "artifact_detector";
@@ -60,9 +61,8 @@ int32_t compute_unit_code(const std::string& model_type) {
   if (model_type == "gpu") return GPU;
   if (model_type == "dsp") return DSP;
   if (model_type == "npu") return NPU;
-  AD_LOGV(
-      "TQ Debug: Couldn't identify the COMPUTE UNIT from .info file, so setting COMPUTE UNIT "
-      "to CPU");
+  AD_LOGV("TQ Debug: Couldn't identify the COMPUTE UNIT from .info file, so setting COMPUTE UNIT "
+          "to CPU");
   return CPU;
 }
 
@@ -71,9 +71,8 @@ int32_t precision_code(const std::string& precision) {
   if (precision == "float32") return FLOAT32;
   if (precision == "qasymm8") return QASYMM8;
   if (precision == "qasymm16") return QASYMM16;
-  AD_LOGV(
-      "TQ Debug: Couldn't identify the EXECUTION DATA TYPE from .info file, so setting "
-      "EXECUTION DATA TYPE to FLOAT16");
+  AD_LOGV("TQ Debug: Couldn't identify the EXECUTION DATA TYPE from .info file, so setting "
+          "EXECUTION DATA TYPE to FLOAT16");
   return FLOAT16;
 }
 

@@ -2,9 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <vector>
+
 #include <nlohmann/json.hpp>
 #include <opencv2/core.hpp>
-#include <vector>
 
 #include "core/utils/failure.h"
 #include "core/utils/logging.h"
@@ -170,10 +171,10 @@ JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_
     const int64_t start = now_ms();
     if (detector == nullptr) return env->NewStringUTF("");
 
-    const int count = detector->get_total_artifact_count();
-    std::vector<ArtifactDetector::Artifact_Info> records(count > 0 ? count : 0);
-    if (!detector->get_artifact_info(records.data())) return env->NewStringUTF("");
-    const std::string json = convert_artifact_info_to_json_string(records.data(), count);
+  const int count = detector->get_total_artifact_count();
+  std::vector<ArtifactDetector::Artifact_Info> records(count > 0 ? count : 0);
+  if (!detector->get_artifact_info(records.data())) return env->NewStringUTF("");
+  const std::string json = convert_artifact_info_to_json_string(records.data(), count);
 
     AD_LOG_INFO << "TQ Debug: Time taken for result-extraction1: " << (now_ms() - start) << " ms";
     AD_LOG_INFO << "TQ Debug: Artifact Info :" << json;

@@ -77,8 +77,9 @@ bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, 
   if (nv21 == nullptr || width <= 0 || height <= 0 || width % 2 != 0 || height % 2 != 0) {
     return false;
   }
-  return shrink(tqr_arm_neon::kernels::Pixels::kNv21, reinterpret_cast<const unsigned char*>(nv21),
-                width, width, height, rotation, size, out);
+  return shrink(tqr_arm_neon::kernels::Pixels::kNv21,
+                reinterpret_cast<const unsigned char*>(nv21), width, width, height, rotation, size,
+                out);
 }
 
 }  // namespace image_utils

@@ -2,8 +2,9 @@
 
 #include <cstdio>
 #include <exception>
-#include <opencv2/core.hpp>
 #include <stdexcept>
+
+#include <opencv2/core.hpp>
 
 namespace artifact_detector {
 namespace {
