@@ -133,13 +133,17 @@ TEST(ArtifactDetectorWrapper, EachFunctionLogsItsLineAndForwards) {
               1)
         << function;
   };
-  const int64_t bgr = int64_t{1} << 32;
-  for (const auto& [buffer, width, height] :
-       {std::tuple<char*, int, int>{pixels, 0, 48}, {pixels, 64, -2}, {nullptr, 64, 48}}) {
+  const int64_t bgr = int64_t{1} << 32, nv21 = 0;
+  for (const auto& [buffer, width, height, format] :
+       {std::tuple<char*, int, int, int64_t>{pixels, 0, 48, bgr},
+        {pixels, 64, -2, bgr},
+        {nullptr, 64, 48, bgr},
+        {pixels, 0, 48, nv21},
+        {pixels, -2, 48, nv21}}) {
     refused("ArtifactDetectorWrapper_execute",
-            [&] { return ArtifactDetectorWrapper_execute(h, buffer, width, height, 0, bgr); });
+            [&] { return ArtifactDetectorWrapper_execute(h, buffer, width, height, 0, format); });
     refused("ArtifactDetectorWrapper_execute_with_image_name", [&] {
-      return ArtifactDetectorWrapper_execute_with_image_name(h, buffer, width, height, 0, bgr,
+      return ArtifactDetectorWrapper_execute_with_image_name(h, buffer, width, height, 0, format,
                                                              name);
     });
   }
