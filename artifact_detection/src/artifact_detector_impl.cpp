@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <utility>
 
 #include <opencv2/imgcodecs.hpp>
@@ -122,15 +123,16 @@ bool ArtifactDetectorImpl::initialize(Mode, char* models_path) {
     const std::string model_path = properties["model_path"];
 
     compute_unit = unit;
-    nnet = std::make_shared<NNet>(model_path, kModuleName, output_layers,
-                                  std::vector<float>{kChannelMean, kChannelMean, kChannelMean},
-                                  unit, precision);
+    std::atomic_store(
+        &nnet, std::make_shared<NNet>(model_path, kModuleName, output_layers,
+                                      std::vector<float>{kChannelMean, kChannelMean, kChannelMean},
+                                      unit, precision));
     AD_LOGV("TQ:Debug NNet declared successfully");
 
     set_artifact_thresholds();
     std::map<int, float> from_file = get_artifact_thresholds();
     if (!from_file.empty()) replace_artifact_thresholds(std::move(from_file));
-    for (const auto& entry : artifact_thresholds) {
+    for (const auto& entry : *std::atomic_load(&artifact_thresholds)) {
       AD_LOGV("Artifact: %s, Threshold: %f", class_name(entry.first).c_str(),
               static_cast<double>(entry.second));
     }
@@ -157,7 +159,14 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
 
   int target_height = 0;
   int target_width = 0;
-  nnet->get_target_dimen(target_height, target_width);
+  if (image_format == ArtifactDetector::NV21 && !image_utils::nv21_size_supported(width, height)) {
+    AD_LOG_INFO << "TQ Debug: artifact_detector execute skipped: NV21 needs even width and "
+                   "height, got width : "
+                << width << " height : " << height;
+    return false;
+  }
+  const std::shared_ptr<NNet> session = std::atomic_load(&nnet);
+  session->get_target_dimen(target_height, target_width);
 
   const auto t0 = std::chrono::steady_clock::now();
   // Where it can, the frame goes straight to the network's size, turned and (NV21) converted
@@ -193,7 +202,7 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
               << " target_width: " << target_width << "target_height: " << target_height;
   AD_LOG_INFO << "TQ Debug: Artifact Detector Pre-Process : time taken: " << elapsed_ms(t0, t1)
               << " ms";
-  return run_pipeline(std::move(image), target_height, target_width, true, shrunk);
+  return run_pipeline(session, std::move(image), target_height, target_width, true, shrunk);
 }
 
 bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
@@ -205,14 +214,16 @@ bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
   mild_blur_found = false;
   int target_height = 0;
   int target_width = 0;
-  nnet->get_target_dimen(target_height, target_width);
+  const std::shared_ptr<NNet> session = std::atomic_load(&nnet);
+  session->get_target_dimen(target_height, target_width);
   AD_LOGV("TQ Debug: image :  width: %d height : %d channels : %d ", image.cols, image.rows,
           image.channels());
-  return run_pipeline(std::move(image), target_height, target_width, false, false);
+  return run_pipeline(session, std::move(image), target_height, target_width, false, false);
 }
 
-bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int target_width,
-                                        bool log_copy_details, bool resized) {
+bool ArtifactDetectorImpl::run_pipeline(const std::shared_ptr<NNet>& session, cv::Mat image,
+                                        int target_height, int target_width, bool log_copy_details,
+                                        bool resized) {
   // A session that never opened has no input size; it could not run anyway, and resizing
   // to nothing would throw out of the caller's frame callback.
   if (target_width <= 0 || target_height <= 0) {
@@ -256,14 +267,14 @@ bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int ta
                 << image_for_artifact_detection.cols << " x " << image_for_artifact_detection.rows
                 << " x " << image_for_artifact_detection.channels();
   }
-  if (!nnet->forward_pass(image_for_artifact_detection)) {
+  if (!session->forward_pass(image_for_artifact_detection)) {
     AD_LOG_INFO << "TQ Debug: artifact_detector Forward Pass Failed";
     return false;
   }
 
   const char* layer = compute_unit > GPU ? kAcceleratorLayer : kCpuLayer;
   int d0 = 0, d1 = 0, d2 = 0, d3 = 0, format = 0;
-  const void* output = nnet->get_layer_output_with_format(layer, d0, d1, d2, d3, format);
+  const void* output = session->get_layer_output_with_format(layer, d0, d1, d2, d3, format);
   if (output == nullptr) return false;
 
   // A negative product throws when the vector is sized, before anything is replaced.
@@ -277,11 +288,14 @@ bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int ta
 }
 
 void ArtifactDetectorImpl::set_artifact_thresholds() {
-  for (const auto& entry : kDefaultThresholds) artifact_thresholds[entry.first] = entry.second;
+  std::map<int, float> table = *std::atomic_load(&artifact_thresholds);
+  for (const auto& entry : kDefaultThresholds) table[entry.first] = entry.second;
+  replace_artifact_thresholds(std::move(table));
 }
 
 void ArtifactDetectorImpl::replace_artifact_thresholds(std::map<int, float> thresholds) {
-  artifact_thresholds = std::move(thresholds);
+  std::atomic_store(&artifact_thresholds,
+                    std::make_shared<const std::map<int, float>>(std::move(thresholds)));
 }
 
 void ArtifactDetectorImpl::getArtifactIno(std::vector<float>& output) {
@@ -300,12 +314,14 @@ void ArtifactDetectorImpl::getArtifactIno(std::vector<float>& output) {
     AD_LOGV("output result_artifacts id : %d, %f", i, static_cast<double>(probs[i]));
   }
 
+  const std::shared_ptr<const std::map<int, float>> thresholds =
+      std::atomic_load(&artifact_thresholds);
   for (int i = 0; i < kArtifactCount; ++i) {
     const int id = i + 1;
     const float p = probs[i];
     if (!(p > kMinScore && p <= 1.0f)) continue;
-    const auto threshold = artifact_thresholds.find(id);
-    if (threshold == artifact_thresholds.end() || !(threshold->second < p)) continue;
+    const auto threshold = thresholds->find(id);
+    if (threshold == thresholds->end() || !(threshold->second < p)) continue;
     ArtifactInfo info{p, "none", id};
     info.tag = artifact_names[i];
     result_artifacts.push_back(std::move(info));

@@ -1,13 +1,13 @@
 // The engine behind artifact_detector::ArtifactDetector.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
-
-#include <opencv2/core.hpp>
 
 #include "artifact_detector.h"
 
@@ -53,25 +53,30 @@ class ArtifactDetectorImpl {
   void getArtifactIno(std::vector<float>& output);
   std::vector<ArtifactInfo> post_process_blur_info();
 
-  const std::map<int, float>& thresholds() const { return artifact_thresholds; }
+  const std::map<int, float>& thresholds() const { return *std::atomic_load(&artifact_thresholds); }
   const std::vector<ArtifactInfo>& results() const { return result_artifacts; }
   bool mild_blur() const { return mild_blur_found; }
 
  private:
-  // `resized`: the image already has the network's size, made by the area kernels.
-  bool run_pipeline(cv::Mat image, int target_height, int target_width, bool log_copy_details,
-                    bool resized);
+  // `resized`: the image already has the network's size, made by the area kernels. `session`
+  // is the run's own reference: an initialize meanwhile replaces the engine's, not this one.
+  bool run_pipeline(const std::shared_ptr<NNet>& session, cv::Mat image, int target_height,
+                    int target_width, bool log_copy_details, bool resized);
   std::string class_name(int id) const;
 
   std::vector<ArtifactInfo> result_artifacts;
   std::mutex init_mutex;
   std::mutex execute_mutex;
   std::mutex result_mutex;
-  bool is_initialized = false;
+  // initialize writes these while a run may read them (only the two calls' own locks are
+  // held): flags are atomic, the session and the table are swapped whole through
+  // std::atomic_load / std::atomic_store, and a run keeps the ones it started with.
+  std::atomic<bool> is_initialized{false};
   std::shared_ptr<NNet> nnet;
-  int32_t compute_unit = CPU;
+  std::atomic<int32_t> compute_unit{CPU};
   std::vector<std::string> artifact_names;
-  std::map<int, float> artifact_thresholds;
+  std::shared_ptr<const std::map<int, float>> artifact_thresholds =
+      std::make_shared<const std::map<int, float>>();
   bool mild_blur_found = false;
 };
 

@@ -5,6 +5,11 @@
  * Calling order: create, Initialize, any number of execute / get_total_artifact_count /
  * get_artifact_info, destroy. No function checks its pointers.
  *
+ * No C++ exception leaves these functions: where the detector throws (for example a width
+ * or height of 0 or below, which the image library refuses), the function logs one line
+ * "<function> c wrapper failed: exception: <text>" and answers as for a failed call (false,
+ * or null from create).
+ *
  * Two behaviours callers rely on:
  *   - The image format of both execute functions is the UPPER 32 bits of `format_word`; the
  *     lower half is ignored, so a plain format value in the lower half means NV21 (0).

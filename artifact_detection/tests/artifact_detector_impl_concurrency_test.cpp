@@ -24,6 +24,37 @@ void on_threads(const std::function<void(int)>& body) {
   for (std::thread& thread : threads) thread.join();
 }
 
+// Runs `call` on a thread of its own, held at its first log line that contains `pause_at`
+// until resume(); constructed once the call is held there.
+class HeldCall {
+ public:
+  HeldCall(const std::string& pause_at, std::function<void()> call) {
+    capture_.set_hook([this, pause_at](const LogLine& line) {
+      if (line.text.find(pause_at) == std::string::npos || paused_.exchange(true)) return;
+      entered_.set_value();
+      released_.wait();
+    });
+    thread_ = std::thread(std::move(call));
+    entered_.get_future().wait();
+  }
+  HeldCall(const HeldCall&) = delete;
+  HeldCall& operator=(const HeldCall&) = delete;
+  ~HeldCall() { resume(); }
+
+  void resume() {
+    if (!thread_.joinable()) return;
+    release_.set_value();
+    thread_.join();
+  }
+
+ private:
+  LogCapture capture_;
+  std::promise<void> entered_, release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+  std::atomic<bool> paused_{false};
+  std::thread thread_;
+};
+
 class Concurrency : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -52,7 +83,9 @@ class Concurrency : public ::testing::Test {
 };
 
 // The locks allow: result reads beside initialize, initialize beside initialize, execute
-// beside execute (through both entry points: the image, and its pixels as a BGR buffer).
+// beside execute (through both entry points: the image, and its pixels as a BGR buffer), and
+// execute beside initialize (a run keeps the session it started with while a new one
+// replaces it).
 TEST_F(Concurrency, OneDetectorFromSeveralThreads) {
   DetectorPtr detector = make_detector();
   const cv::Mat& frame = frames_[frame_];
@@ -77,6 +110,12 @@ TEST_F(Concurrency, OneDetectorFromSeveralThreads) {
                                                          ArtifactDetector::BGR));
     }
   });
+  // A run held inside the network while initialize replaces (and releases) that network.
+  bool ran = false;
+  HeldCall run("Target image size (CHW)", [&] { ran = detector->execute(frame, 0); });
+  failures += !initialize(*detector, models_);
+  run.resume();
+  EXPECT_TRUE(ran);
   EXPECT_EQ(failures, 0);
   EXPECT_EQ(reported(*detector), expected_[frame_]);
 }
@@ -108,25 +147,15 @@ TEST_F(Concurrency, DestroyWaitsForTheCallInProgress) {
     SCOPED_TRACE(pause_at);
     ArtifactDetector* detector = make_detector().release();
     ASSERT_TRUE(detector->execute(frames_[frame_], 0));
-    std::promise<void> entered, release;
-    std::shared_future<void> released = release.get_future().share();
-    std::atomic<bool> paused{false}, destroyed{false};
-    LogCapture capture;
-    capture.set_hook([&, pause_at = pause_at](const LogLine& line) {
-      if (line.text.find(pause_at) == std::string::npos || paused.exchange(true)) return;
-      entered.set_value();
-      released.wait();
-    });
-    std::thread caller([&, call = call] { call(*detector); });
-    entered.get_future().wait();
+    std::atomic<bool> destroyed{false};
+    HeldCall caller(pause_at, [&, call = call] { call(*detector); });
     std::thread destroyer([&] {
       ArtifactDetector::Destroy(detector);
       destroyed = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_FALSE(destroyed) << "Destroy returned while the call was running";
-    release.set_value();
-    caller.join();
+    caller.resume();
     destroyer.join();
     EXPECT_TRUE(destroyed);
   }

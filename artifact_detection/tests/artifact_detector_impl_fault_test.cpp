@@ -15,6 +15,7 @@
 #include <iterator>
 #include <optional>
 
+#include "onnx_bytes.h"
 #include "support/detector_fixtures.h"
 #include "support/fake_tarnlink.h"
 #include "support/log_capture.h"
@@ -224,6 +225,11 @@ TEST(ModelFileFaults, LeaveTheNetworkClosedAndTheDetectorUsable) {
                     onnx = file_bytes(tiny),
                     caffe = file_bytes(TARNLINK_TEST_MODELS "/tiny.caffemodel"),
                     noise(reinterpret_cast<const char*>(textured(64, 64, 7, CV_8UC1).data), 4096);
+  // Weights shorter than their dimensions: OpenCV would read past them (far past: a crash).
+  auto short_weight = [](uint64_t rows) {
+    return onnx_bytes::model_with_initializer(
+        onnx_bytes::raw_float_tensor("w", {rows, 2}, std::string(20, 'x')));
+  };
   // The files written into artifact_detector/, and the one the info file names ("": none).
   const std::pair<std::vector<std::pair<std::string, std::string>>, std::string> cases[] = {
       {{}, "missing.onnx"},
@@ -231,6 +237,8 @@ TEST(ModelFileFaults, LeaveTheNetworkClosedAndTheDetectorUsable) {
       {{{"net.onnx", noise}}, "net.onnx"},
       {{{"net.onnx", onnx.substr(0, onnx.size() / 2)}}, "net.onnx"},
       {{{"net.onnx", onnx.substr(0, onnx.size() - 1)}}, "net.onnx"},
+      {{{"net.onnx", short_weight(3)}}, "net.onnx"},
+      {{{"net.onnx", short_weight(100000000)}}, "net.onnx"},
       {{{"net.caffemodel", caffe}}, "net.caffemodel"},
       {{{"net.prototxt", kGarbage}, {"net.caffemodel", caffe}}, "net.caffemodel"},
       {{}, ""}};

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
@@ -14,6 +15,7 @@
 
 #include "support/detector_fixtures.h"
 #include "support/fake_tarnlink.h"
+#include "support/frame_buffers.h"
 #include "support/log_capture.h"
 #include "utils/image_utils.h"
 
@@ -294,15 +296,36 @@ TEST_F(EngineRun, FalseRunsKeepTheResultsAndTheCharactersTheyPointAt) {
                             std::string(out[1].tag)),
             std::make_tuple(5, "DonutBlur", sigmoid(3.0f), 10, "MildBlur"));
 
-  // Execute and output failures are the fault test's; these stop before the network.
-  const std::pair<cv::Mat, const char*> cases[] = {
-      {cv::Mat(48, 64, CV_8UC3, cv::Scalar(40, 90, 160)),
+  // Execute and output failures are the fault test's; these stop before the network. NV21
+  // of an odd size would make the converters read past the frame (and write past their own
+  // image): it is refused before any of them runs.
+  auto image = [&](cv::Mat m) { return [&, m] { return engine_.execute(m, 0); }; };
+  auto odd_nv21 = [&](int width, int height, int rotation) {
+    return [&, width, height, rotation] {
+      ad_test::PageEndBuffer frame(std::size_t(width) * height * 3 / 2);
+      return engine_.execute(frame.chars(), width, height, rotation, ArtifactDetector::NV21,
+                             nullptr);
+    };
+  };
+  const std::string odd =
+      "TQ Debug: artifact_detector execute skipped: NV21 needs even width "
+      "and height, got width : ";
+  const std::pair<std::function<bool()>, std::string> cases[] = {
+      {image(cv::Mat(48, 64, CV_8UC3, cv::Scalar(40, 90, 160))),
        "returning from same color image detection"},
-      {cv::Mat(), "TQ:Debug artifact_detector execute failed because init was unsuccessful"}};
-  for (const auto& [image, message] : cases) {
+      {image(cv::Mat()), "TQ:Debug artifact_detector execute failed because init was unsuccessful"},
+      {odd_nv21(641, 481, 0), odd + "641 height : 481"},
+      {odd_nv21(641, 481, 270), odd + "641 height : 481"},
+      {odd_nv21(641, 480, 90), odd + "641 height : 480"},
+      {odd_nv21(64, 47, 180), odd + "64 height : 47"},
+      {odd_nv21(1, 1, 0), odd + "1 height : 1"},
+      {odd_nv21(3, 2, 0), odd + "3 height : 2"}};
+  for (const auto& [run, message] : cases) {
+    SCOPED_TRACE(message);
     LogCapture capture;
-    EXPECT_FALSE(engine_.execute(image, 0));
-    EXPECT_TRUE(capture.contains(message)) << message;
+    EXPECT_FALSE(run());
+    const Strings info = capture.info_messages();
+    EXPECT_EQ(std::count(info.begin(), info.end(), message), 1);
     ArtifactDetectorImpl::Artifact_Info again[2];
     ASSERT_EQ(engine_.get_total_artifact_count(), 2);
     engine_.get_artifact_info(again);

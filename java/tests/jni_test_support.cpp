@@ -59,6 +59,11 @@ JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_scriptNe
   fake_tarn_set_layer_output("Identity", logits.data(), logits.size(), 1, 12, 1, 1, 0);
 }
 
+JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_failRuns(JNIEnv*, jclass) {
+  std::unique_lock<std::mutex> lock;
+  fake_tarn_lock(&lock)->failures[FAKE_TARN_EXECUTE] = FAKE_TARN_THROW;
+}
+
 JNIEXPORT jboolean JNICALL
 Java_tessaroven_pkd_artifactdetector_TestSupport_globalsAre(JNIEnv* env, jclass, jobject object) {
   JavaVM* vm = nullptr;

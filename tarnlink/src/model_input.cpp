@@ -46,6 +46,9 @@ class ProtoFields {
 
   bool ok() const { return ok_; }
   uint32_t number() const { return number_; }
+  int wire() const { return wire_; }
+  // The bytes of a length-delimited field.
+  const unsigned char* payload() const { return payload_; }
   bool is(uint32_t number, int wire) const { return number_ == number && wire_ == wire; }
   uint64_t varint() const { return value_; }
   ProtoFields message() const { return ProtoFields(payload_, payload_ + value_); }
@@ -85,7 +88,21 @@ class ProtoFields {
 
 // Field numbers of onnx.proto.
 constexpr uint32_t kModelGraph = 7;
+constexpr uint32_t kGraphNode = 1;
 constexpr uint32_t kGraphInitializer = 5;
+constexpr uint32_t kNodeAttribute = 5;
+constexpr uint32_t kAttributeTensor = 5;
+constexpr uint32_t kAttributeTensors = 10;
+constexpr uint32_t kTensorDims = 1;
+constexpr uint32_t kTensorDataType = 2;
+constexpr uint32_t kTensorFloatData = 4;
+constexpr uint32_t kTensorInt32Data = 5;
+constexpr uint32_t kTensorStringData = 6;
+constexpr uint32_t kTensorInt64Data = 7;
+constexpr uint32_t kTensorRawData = 9;
+constexpr uint32_t kTensorDoubleData = 10;
+constexpr uint32_t kTensorUint64Data = 11;
+constexpr uint32_t kTensorDataLocation = 14;
 constexpr uint32_t kGraphInput = 11;
 constexpr uint32_t kTensorName = 8;
 constexpr uint32_t kValueInfoName = 1;
@@ -119,6 +136,134 @@ bool read_tensor_dims(ProtoFields type, std::vector<int64_t>& dims) {
     if (!tensor.ok()) return false;
   }
   return type.ok();
+}
+
+// Bytes per element of TensorProto.DataType in raw_data; 0 for strings and unknown types.
+uint64_t element_size(uint64_t data_type) {
+  static const uint64_t kSizes[] = {0, 4, 1, 1, 2, 2, 4, 8, 0, 1, 2, 8, 4, 8, 8, 16, 2};
+  return data_type < sizeof kSizes / sizeof kSizes[0] ? kSizes[data_type] : 0;
+}
+
+// The varints of a packed repeated field, counted and, given `values`, kept; false when one
+// is cut off or longer than 64 bits.
+bool unpack_varints(const ProtoFields& field, uint64_t& count, std::vector<uint64_t>* values) {
+  uint64_t value = 0;
+  int shift = 0;
+  for (const unsigned char *p = field.payload(), *end = p + field.varint(); p != end; ++p) {
+    if (shift >= 64) return false;
+    value |= static_cast<uint64_t>(*p & 0x7F) << shift;
+    shift += 7;
+    if ((*p & 0x80) != 0) continue;
+    ++count;
+    if (values != nullptr) values->push_back(value);
+    value = 0;
+    shift = 0;
+  }
+  return shift == 0;
+}
+
+bool malformed(std::string& error) {
+  error = "malformed initializer";
+  return false;
+}
+
+// One TensorProto (an initializer or a constant): the data it stores must be exactly what its
+// dimensions declare. OpenCV's importer trusts the dimensions and reads past short data.
+// `limit` bounds any honest element count (every stored element takes at least one byte).
+bool check_tensor(ProtoFields tensor, uint64_t limit, std::set<std::string>& names,
+                  std::string& error) {
+  std::string name;
+  std::vector<uint64_t> dims;
+  uint64_t data_type = 0, raw_bytes = 0, values = 0, location = 0;
+  bool raw = false;
+  while (tensor.next()) {
+    const uint32_t field = tensor.number();
+    const bool packed = tensor.wire() == kLengthDelimited;
+    if (field == kTensorName && packed) {
+      name = tensor.text();
+    } else if (field == kTensorDims) {
+      uint64_t unused = 0;
+      if (packed) {
+        if (!unpack_varints(tensor, unused, &dims)) return malformed(error);
+      } else if (tensor.wire() == kVarint) {
+        dims.push_back(tensor.varint());
+      }
+    } else if (field == kTensorDataType && tensor.wire() == kVarint) {
+      data_type = tensor.varint();
+    } else if (field == kTensorRawData && packed) {
+      raw = true;
+      raw_bytes += tensor.varint();
+    } else if (field == kTensorDataLocation && tensor.wire() == kVarint) {
+      location = tensor.varint();
+    } else if (field == kTensorStringData && packed) {
+      ++values;
+    } else if (field == kTensorFloatData || field == kTensorDoubleData) {
+      const uint64_t width = field == kTensorFloatData ? 4 : 8;
+      if (packed && tensor.varint() % width != 0) return malformed(error);
+      values +=
+          packed ? tensor.varint() / width : tensor.wire() == (width == 4 ? kFixed32 : kFixed64);
+    } else if (field == kTensorInt32Data || field == kTensorInt64Data ||
+               field == kTensorUint64Data) {
+      if (!packed) {
+        values += tensor.wire() == kVarint;
+      } else if (!unpack_varints(tensor, values, nullptr)) {
+        return malformed(error);
+      }
+    }
+  }
+  if (!tensor.ok()) return malformed(error);
+  names.insert(name);
+  const std::string what = "initializer '" + name + "'";
+  if (location != 0) {
+    error = what + " keeps its data outside the model file";
+    return false;
+  }
+  uint64_t count = 1;  // a tensor without dimensions is a scalar
+  for (uint64_t dim : dims) {
+    if (dim == 0) count = 0;
+  }
+  for (uint64_t dim : dims) {
+    if (count == 0) break;
+    if (dim > limit || count > limit / dim) {
+      error = what + " declares more values than the model file can hold";
+      return false;
+    }
+    count *= dim;
+  }
+  const uint64_t size = element_size(data_type);
+  if (raw && values != 0) {
+    error = what + " stores its data twice";
+    return false;
+  }
+  if (raw && size == 0) {
+    error = what + " has raw data of an unknown type " + std::to_string(data_type);
+    return false;
+  }
+  if (raw ? raw_bytes != count * size : values != count) {
+    error = what + " holds " + std::to_string(raw ? raw_bytes : values) +
+            (raw ? " bytes" : " values") + " where its dimensions need " +
+            std::to_string(raw ? count * size : count);
+    return false;
+  }
+  return true;
+}
+
+// The tensors a graph's nodes carry as attributes (constants), checked as initializers are.
+bool check_node_tensors(ProtoFields node, uint64_t limit, std::string& error) {
+  std::set<std::string> unused;
+  while (node.next()) {
+    if (!node.is(kNodeAttribute, kLengthDelimited)) continue;
+    ProtoFields attribute = node.message();
+    while (attribute.next()) {
+      if ((attribute.is(kAttributeTensor, kLengthDelimited) ||
+           attribute.is(kAttributeTensors, kLengthDelimited)) &&
+          !check_tensor(attribute.message(), limit, unused, error)) {
+        return false;
+      }
+    }
+    if (!attribute.ok()) break;
+  }
+  return true;
 }
 
 bool read_value_info(ProtoFields info, ModelInput& input) {
@@ -214,11 +359,9 @@ bool read_onnx_input(const std::vector<unsigned char>& model, ModelInput& input,
     ProtoFields graph = fields.message();
     while (graph.next()) {
       if (graph.is(kGraphInitializer, kLengthDelimited)) {
-        ProtoFields tensor = graph.message();
-        while (tensor.next()) {
-          if (tensor.is(kTensorName, kLengthDelimited)) weights.insert(tensor.text());
-        }
-        if (!tensor.ok()) break;
+        if (!check_tensor(graph.message(), model.size(), weights, error)) return false;
+      } else if (graph.is(kGraphNode, kLengthDelimited)) {
+        if (!check_node_tensors(graph.message(), model.size(), error)) return false;
       } else if (graph.is(kGraphInput, kLengthDelimited)) {
         inputs.emplace_back();
         if (!read_value_info(graph.message(), inputs.back())) {

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <iterator>
 
+#include "onnx_bytes.h"
+
 namespace tarnlink {
 namespace {
 
@@ -43,6 +45,50 @@ TEST(ModelInput, ReadsTheFirstDeclaredInputAndRefusesMalformedOrTruncatedFiles) 
       const bool refused = declared(bytes.substr(0, size), onnx, cut).empty();
       EXPECT_TRUE(refused || cut.dims == full.dims || (!onnx && cut.dims.empty())) << size;
     }
+  }
+}
+
+// OpenCV reads as many values as the dimensions declare, whatever the file holds: every
+// initializer and constant must hold exactly that many, in one place, inside the file.
+TEST(ModelInput, RefusesTensorsWhoseDataDoesNotMatchTheirDimensions) {
+  using namespace onnx_bytes;
+  const std::string w = bytes_field(8, "w"), f32 = varint_field(2, 1), i64 = varint_field(2, 7);
+  const std::string d3x2 = varint_field(1, 3) + varint_field(1, 2), four(4, '\0');
+  std::string six_fixed32, six_varints;
+  for (int i = 0; i < 6; ++i) six_fixed32 += varint(4 << 3 | 5) + four, six_varints += varint(i);
+  const std::string need = "initializer 'w' holds ";
+  // TensorProto bytes, held by a Constant node (else an initializer), the refusal ("": none)
+  const std::tuple<std::string, bool, std::string> cases[] = {
+      {raw_float_tensor("w", {3, 2}, std::string(24, 'x')), false, ""},
+      {raw_float_tensor("w", {3, 2}, std::string(24, 'x')), true, ""},
+      {raw_float_tensor("w", {}, four), false, ""},
+      {raw_float_tensor("w", {0, 5}, ""), false, ""},
+      {d3x2 + f32 + w + six_fixed32, false, ""},
+      {d3x2 + i64 + w + bytes_field(7, six_varints), false, ""},
+      {raw_float_tensor("w", {3, 100000000}, std::string(12, 'x')), false,
+       "initializer 'w' declares more values than the model file can hold"},
+      {raw_float_tensor("w", {3, 2}, std::string(20, 'x')), false,
+       need + "20 bytes where its dimensions need 24"},
+      {raw_float_tensor("w", {3, 2}, std::string(28, 'x')), true,
+       need + "28 bytes where its dimensions need 24"},
+      {d3x2 + f32 + w + bytes_field(4, std::string(20, 'x')), false,
+       need + "5 values where its dimensions need 6"},
+      {d3x2 + i64 + w + bytes_field(7, six_varints.substr(1)), true,
+       need + "5 values where its dimensions need 6"},
+      {d3x2 + f32 + w + bytes_field(4, std::string(21, 'x')), false, "malformed initializer"},
+      {raw_float_tensor("w", {3, 2}, std::string(24, 'x')) + six_fixed32, false,
+       "initializer 'w' stores its data twice"},
+      {raw_float_tensor("w", {3, 2}, "") + varint_field(14, 1), false,
+       "initializer 'w' keeps its data outside the model file"},
+      {d3x2 + w + bytes_field(9, std::string(24, 'x')), false,
+       "initializer 'w' has raw data of an unknown type 0"}};
+  for (const auto& [tensor, constant, refusal] : cases) {
+    const std::string model = model_with_initializer(tensor, constant);
+    ModelInput in;
+    std::string error;
+    const bool ok = read_onnx_input({model.begin(), model.end()}, in, error);
+    EXPECT_EQ(std::make_tuple(ok, error), std::make_tuple(refusal.empty(), refusal))
+        << testing::PrintToString(tensor);
   }
 }
 

@@ -58,6 +58,8 @@ bool shrink(tqr_arm_neon::kernels::Pixels pixels, const unsigned char* src, std:
 
 }  // namespace
 
+bool nv21_size_supported(int width, int height) { return width % 2 == 0 && height % 2 == 0; }
+
 cv::Size upright_size(int width, int height, int rotation) {
   const int turn = turning(rotation);
   return turn == 90 || turn == 270 ? cv::Size(height, width) : cv::Size(width, height);

@@ -73,4 +73,8 @@ bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, 
 // Columns x rows of a `width` x `height` frame once rotate_image has turned it.
 cv::Size upright_size(int width, int height, int rotation);
 
+// Whether the NV21 routines can take a frame of this size: both sides even. They check
+// nothing themselves, and an odd side reads and writes past the buffers.
+bool nv21_size_supported(int width, int height);
+
 }  // namespace image_utils

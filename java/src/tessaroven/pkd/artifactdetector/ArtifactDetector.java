@@ -16,6 +16,8 @@ import java.io.Closeable;
  *   <li>The four native methods the library implements ({@code initializeJNI} and its
  *       siblings), unchanged, for callers written against them. They check nothing: calling
  *       {@code releaseJNI(0)} twice, or using the object after it, is a double free.
+ *       Exceptions of the native detector come back as {@link IllegalArgumentException}
+ *       (arguments it refuses) or {@link RuntimeException}, carrying its message.
  * </ul>
  *
  * <p>Native library: the first constructor call loads it, from the absolute path given to the

@@ -56,6 +56,15 @@ public final class ArtifactDetectorJniTest {
     check(Arrays.asList(address, RUN, timing("result-extraction1"),
         "TQ Debug: Artifact Info :" + TWO), state(d), "run and results logged");
 
+    // C++ exceptions reach the JVM as Java ones with their text: arguments the image library
+    // refuses, then a library that throws.
+    check("IllegalArgumentException: OpenCV", thrown(() -> d.executeWithBtyeArrayJNI(FRAME, -1,
+        H, 0, 1, 0)), "a negative width");
+    TestSupport.failRuns();
+    check("RuntimeException: fake", thrown(() -> d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 0)),
+        "a library that throws");
+    TestSupport.takeLog();
+
     // Other modes use no stored detector: they run, report and release nothing.
     TestSupport.scriptNetwork();
     check(Arrays.asList(false, ""), Arrays.asList(d.executeWithBtyeArrayJNI(FRAME, W, H, 0, 1, 1),
@@ -97,6 +106,16 @@ public final class ArtifactDetectorJniTest {
   private static void check(Object expected, Object actual, String what) {
     if (!expected.equals(actual)) {
       throw new AssertionError(what + ": expected <" + expected + ">, was <" + actual + ">");
+    }
+  }
+
+  /** The simple class name of what {@code call} throws and the first word of its message. */
+  private static String thrown(Runnable call) {
+    try {
+      call.run();
+      return "nothing";
+    } catch (RuntimeException e) {
+      return e.getClass().getSimpleName() + ": " + String.valueOf(e.getMessage()).split("[( ]")[0];
     }
   }
 

@@ -18,6 +18,9 @@ final class TestSupport {
   /** A fresh fake network that finds exactly the artifact ids given (Noise at 0.5, others 1). */
   static native void scriptNetwork(int... found);
 
+  /** From now on every run of the fake network throws, until the next {@link #scriptNetwork}. */
+  static native void failRuns();
+
   /** Whether the library's exported "jvm" is this VM and its "main_obj" refers to {@code o}. */
   static native boolean globalsAre(Object o);
 }
