@@ -18,11 +18,14 @@ public final class DetectorJvmTest {
   private static final int PAD = 40;
 
   public static void main(String[] args) throws Exception {
+    // Deleted at exit, in the reverse order of creation.
     Path dir = Files.createTempDirectory("ad_detector_jvm").resolve("artifact_detector");
-    Files.createDirectories(dir);
+    dir.getParent().toFile().deleteOnExit();
+    Files.createDirectories(dir).toFile().deleteOnExit();
     String info = "{\n\"model_type\": \"cpu\",\n\"precision\": \"float32\",\n\"model_path\": \""
         + System.getProperty("ad.test.model") + "\"\n}\n";
-    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8));
+    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8))
+        .toFile().deleteOnExit();
     String models = dir.getParent().toString();
 
     byte[] nv21 = new byte[W * H * 3 / 2];
