@@ -129,7 +129,8 @@ std::string frame_problem(const Frame& f) {
     return "chroma pixel stride " + std::to_string(c.pixel_stride) + " is not 1 or 2";
   }
   const int64_t chroma_row = int64_t(f.width / 2 - 1) * c.pixel_stride + 1;
-  if (c.row_stride < chroma_row || (f.format != PixelFormat::kYuv420888 && c.row_stride < f.width)) {
+  if (c.row_stride < chroma_row ||
+      (f.format != PixelFormat::kYuv420888 && c.row_stride < f.width)) {
     return "chroma row stride " + std::to_string(c.row_stride) + " is too small";
   }
   return "";

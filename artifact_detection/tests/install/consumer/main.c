@@ -1,6 +1,5 @@
 /* The C interface from the installed package: a handle, one frame, the result. */
 #include <artifact_detector/detector_c.h>
-
 #include <stdio.h>
 #include <string.h>
 
