@@ -1,5 +1,7 @@
 # Drives artifact-detect end to end over the tiny test network.
-# Usage: cmake -DCLI=<exe> -DMODEL=<onnx> -DSAMPLES=<dir> -DWORK_DIR=<dir> -P check_cli.cmake
+# Usage: cmake -DCLI=<exe> -DMODEL=<onnx> -DSAMPLES=<dir> -DFIXTURES=<dir> -DWORK_DIR=<dir>
+#        -P check_cli.cmake
+execute_process(COMMAND chmod -R u+rwx ${WORK_DIR} ERROR_QUIET)  # a locked folder of a run before
 file(REMOVE_RECURSE ${WORK_DIR})
 file(WRITE ${WORK_DIR}/models/artifact_detector/artifact_detector_cnn.info
   "{\n\"model_type\": \"cpu\",\n\"precision\": \"float32\",\n\"model_path\": \"${MODEL}\"\n}\n")
@@ -66,6 +68,55 @@ expect_exit(1 ${CLI} --models ${WORK_DIR}/models --raw nv21 --size 64x50 --jsonl
 if(NOT out MATCHES "expected 4800")
   message(FATAL_ERROR "wrong-size buffer not reported:\n${out}")
 endif()
+
+function(expect_output code pattern)
+  expect_exit(${code} ${ARGN})
+  if(NOT "${out}${err}" MATCHES "${pattern}")
+    message(FATAL_ERROR "expected /${pattern}/ from ${ARGN}:\n${out}\n${err}")
+  endif()
+endfunction()
+
+# A folder of hostile entries: each one that cannot be read is reported and counted, in order.
+set(hostile ${WORK_DIR}/hostile)
+file(MAKE_DIRECTORY ${hostile}/sub ${hostile}/locked)
+file(COPY ${SAMPLES}/coffee.jpg DESTINATION ${hostile})
+file(COPY ${SAMPLES}/rocket.jpg DESTINATION ${hostile}/sub)
+file(COPY ${SAMPLES}/chelsea.jpg DESTINATION ${hostile}/locked)
+file(CREATE_LINK nowhere.jpg ${hostile}/dangling.jpg SYMBOLIC)
+file(WRITE ${hostile}/empty.jpg "")
+file(WRITE ${hostile}/notes.txt "not an image by its name: skipped")
+execute_process(COMMAND mkfifo ${hostile}/fifo.jpg)
+execute_process(COMMAND chmod 000 ${hostile}/locked)
+execute_process(COMMAND truncate -s 64G ${WORK_DIR}/sparse.raw)
+string(JOIN "[^\n]*\n[^\n]*" walk
+  "coffee.jpg\",\"ok\":true" "dangling.jpg\",\"ok\":false,\"error\":\"cannot open file: No such file"
+  "empty.jpg\",\"ok\":false,\"error\":\"not a JPEG" "fifo.jpg\",\"ok\":false,\"error\":\"not a regular file"
+  "locked\",\"ok\":false,\"error\":\"cannot read folder: Permission denied"
+  "sub/rocket.jpg\",\"ok\":true[^\n]*\n6 images, 4 failed")
+# Root reads any folder; without the override capabilities it meets the permission bits.
+execute_process(COMMAND id -u OUTPUT_VARIABLE uid OUTPUT_STRIP_TRAILING_WHITESPACE)
+set(as_user)
+if(uid EQUAL 0)
+  set(as_user setpriv --bounding-set=-dac_override,-dac_read_search)
+endif()
+set(run ${CLI} --models ${WORK_DIR}/models)
+set(lost "results lost: standard output: ")
+
+expect_output(1 "${walk}" ${as_user} ${run} --jsonl --jobs 2 ${hostile})
+expect_output(1 "locked\n  error: cannot read folder" ${as_user} ${run} ${hostile}/locked)
+expect_output(1 "not a regular file" ${run} --jobs 2 ${hostile}/fifo.jpg ${SAMPLES})
+expect_output(1 "not a regular file" ${run} --raw bgr --size 2x2 /dev/zero)
+expect_output(1 "holds 68719476736 bytes, expected 12\"" ${run} --jsonl --raw bgr --size 2x2 ${WORK_DIR}/sparse.raw)
+expect_output(1 "30000x30000 pixels is over the limit of 100000000" ${run} ${FIXTURES}/claims_30000x30000.jpg)
+expect_output(1 "600x400 pixels is over the limit of 239999" ${run} --max-pixels 239999 ${SAMPLES}/coffee.jpg)
+expect_output(0 "coffee.jpg" ${run} --max-pixels 240000 --exact-decode ${SAMPLES}/coffee.jpg)
+expect_output(1 "${lost}No space left on device" sh -c [[exec "$@" > /dev/full]] _ ${run} --jsonl ${SAMPLES})
+# (A ';' would split the script: CMake passes it on as a list.)
+expect_output(1 "${lost}Broken pipe" bash -c [[trap '' PIPE
+  set -o pipefail
+  { sleep 0.5
+    exec "$@"
+  } | true]] _ ${run} ${SAMPLES})
 
 # Usage errors exit 2; a models directory without a model exits 1 before any image.
 expect_exit(2 ${CLI} --raw yuv --size 4x4 x)

@@ -1,0 +1,133 @@
+#include "options.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+using artifact_detector::ArtifactDetector;
+
+namespace artifact_detect {
+namespace {
+
+const char kUsage[] =
+    "usage: artifact-detect [options] PATH...\n"
+    "\n"
+    "Reports the image artifacts that each image shows. PATH is an image file (JPEG, PNG,\n"
+    "WebP, BMP, TIFF or PNM) or a folder, searched recursively.\n"
+    "\n"
+    "options:\n"
+    "  --jsonl             one JSON object per image on standard output\n"
+    "  --models DIR        models directory (default: the installed models, or the build\n"
+    "                      tree's when run from it)\n"
+    "  --max-pixels N      refuse images of more than N pixels (default 100000000)\n"
+    "  --exact-decode      decode large JPEGs at full size instead of a reduced scale\n"
+    "  --raw nv21|rgba|bgr treat every file as a raw camera buffer of this layout\n"
+    "  --size WxH          raw buffer size in pixels, before rotation\n"
+    "  --rotation DEG      clockwise rotation of raw buffers: 0, 90, 180 or 270\n"
+    "  --jobs N            run N detectors in parallel threads (default 1)\n"
+    "  --verbose           show the library's log lines on standard error\n"
+    "  -h, --help          show this text\n";
+
+[[noreturn]] void usage_error(const std::string& message) {
+  std::fprintf(stderr, "artifact-detect: %s\n\n%s", message.c_str(), kUsage);
+  std::exit(2);
+}
+
+long long parse_number(const std::string& text, const char* what, long long min, long long max) {
+  try {
+    std::size_t used = 0;
+    const long long value = std::stoll(text, &used);
+    if (used == text.size() && value >= min && value <= max) return value;
+  } catch (const std::exception&) {
+  }
+  usage_error(std::string("bad ") + what + ": " + text);
+}
+
+int parse_int(const std::string& text, const char* what, int min = 1) {
+  return static_cast<int>(parse_number(text, what, min, 1 << 30));
+}
+
+std::string default_models_dir() {
+  // Installed: <prefix>/bin/artifact-detect next to <prefix>/share/artifact_detector/models.
+  std::error_code ec;
+  const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
+  if (!ec) {
+    const fs::path installed = exe.parent_path().parent_path() / "share/artifact_detector/models";
+    if (fs::is_directory(installed)) return installed.string();
+  }
+  return AD_BUILD_MODELS_DIR;
+}
+
+RawFormat raw_format(const std::string& kind) {
+  if (kind == "nv21") return {ArtifactDetector::NV21, 3};
+  if (kind == "rgba") return {ArtifactDetector::RGBA, 8};
+  if (kind == "bgr") return {ArtifactDetector::BGR, 6};
+  usage_error("--raw takes nv21, rgba or bgr");
+}
+
+void parse_size(const std::string& size, Options& options) {
+  const auto x = size.find('x');
+  if (x == std::string::npos) usage_error("--size takes WxH");
+  options.raw_width = parse_int(size.substr(0, x), "width");
+  options.raw_height = parse_int(size.substr(x + 1), "height");
+}
+
+void check(const Options& options, bool have_size) {
+  if (options.inputs.empty()) usage_error("no PATH given");
+  if (options.raw && !have_size) usage_error("--raw needs --size WxH");
+  if (options.raw && options.raw->format == ArtifactDetector::NV21 &&
+      (options.raw_width % 2 != 0 || options.raw_height % 2 != 0)) {
+    usage_error("NV21 buffers need an even width and height");
+  }
+  if (options.rotation % 90 != 0 || options.rotation < 0 || options.rotation > 270) {
+    usage_error("--rotation takes 0, 90, 180 or 270");
+  }
+}
+
+}  // namespace
+
+Options parse_options(int argc, char** argv) {
+  Options options;
+  bool have_size = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) usage_error(arg + " needs a value");
+      return argv[++i];
+    };
+    if (arg == "-h" || arg == "--help") {
+      std::fputs(kUsage, stdout);
+      std::exit(0);
+    } else if (arg == "--jsonl") {
+      options.jsonl = true;
+    } else if (arg == "--verbose") {
+      options.verbose = true;
+    } else if (arg == "--exact-decode") {
+      options.exact_decode = true;
+    } else if (arg == "--models") {
+      options.models = value();
+    } else if (arg == "--jobs") {
+      options.jobs = parse_int(value(), "--jobs");
+    } else if (arg == "--max-pixels") {
+      options.max_pixels = static_cast<std::uint64_t>(parse_number(value(), "--max-pixels", 1, 1LL << 40));
+    } else if (arg == "--raw") {
+      options.raw = raw_format(value());
+    } else if (arg == "--size") {
+      parse_size(value(), options);
+      have_size = true;
+    } else if (arg == "--rotation") {
+      options.rotation = parse_int(value(), "--rotation", 0);
+    } else if (arg.size() > 1 && arg[0] == '-') {
+      usage_error("unknown option " + arg);
+    } else {
+      options.inputs.push_back(arg);
+    }
+  }
+  check(options, have_size);
+  if (options.models.empty()) options.models = default_models_dir();
+  if (options.models.back() != '/') options.models += '/';
+  return options;
+}
+
+}  // namespace artifact_detect

@@ -1,0 +1,83 @@
+// What artifact-detect prints: one result per image as a table or JSON lines, in input order,
+// with a progress bar and a closing summary. Every write is checked: a run whose output was
+// lost must not end as a success.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace artifact_detect {
+
+struct Artifact {
+  std::string tag;
+  int tag_id;
+  float score;
+};
+
+struct Result {
+  std::string path;
+  bool ok = false;
+  std::string error;
+  std::vector<Artifact> artifacts;
+};
+
+std::string to_jsonl(const Result& result);
+std::string to_table(const Result& result);
+
+// A stream that remembers its first failed write, flush or close.
+class Output {
+ public:
+  Output(FILE* file, std::string name) : file_(file), name_(std::move(name)) {}
+  ~Output();
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void write(const std::string& text);
+  void flush();
+  void close();
+  bool ok() const { return error_.empty(); }
+  // "NAME: reason" for the first failure.
+  const std::string& error() const { return error_; }
+
+ private:
+  void fail();
+  FILE* file_;
+  std::string name_;
+  std::string error_;
+};
+
+// Prints results in input order as soon as every earlier one is in.
+class Printer {
+ public:
+  Printer(Output& out, bool jsonl, std::size_t total, bool progress);
+
+  void put(std::size_t index, Result result);
+  void summary();
+  std::size_t failed() const { return failed_; }
+  // Output was lost: further work is wasted.
+  bool lost() const;
+
+ private:
+  void draw_progress();
+  void clear_progress();
+
+  Output& out_;
+  bool jsonl_;
+  bool progress_;
+  mutable std::mutex mutex_;
+  std::vector<std::optional<Result>> pending_;
+  std::size_t next_ = 0;
+  std::size_t failed_ = 0;
+  std::map<std::pair<int, std::string>, std::size_t> counts_;
+  std::chrono::steady_clock::time_point start_;
+};
+
+// "[####....] 12/500  8.3/s  0:59 left" for `done` of `total` after `seconds`.
+std::string progress_line(std::size_t done, std::size_t total, double seconds);
+
+}  // namespace artifact_detect
