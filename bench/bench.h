@@ -5,6 +5,10 @@
 #include <string>
 #include <vector>
 
+namespace artifact_detector {
+class ArtifactDetector;
+}
+
 namespace ad_bench {
 
 // Frame sizes of the conversion benchmarks: VGA preview, 1080p video, 12-megapixel still.
@@ -15,6 +19,15 @@ void register_convert_benchmarks();
 
 // Whole detection runs and their stages, with the model found at start.
 void register_execute_benchmarks(const std::string& model_path);
+
+// The detector the whole-run benchmarks share, with the model given at registration.
+artifact_detector::ArtifactDetector& shared_detector();
+
+// A photo folder of 4000x3000 JPEGs through artifact-detect's path and its floors, one job;
+// large JPEGs are decoded reduced to keep at least twice `network_side` on each side.
+void register_folder_benchmarks(int network_side);
+// The folder cases in table order, as (benchmark name part, heading).
+const std::vector<std::pair<std::string, std::string>>& folder_cases();
 
 // The whole-run cases in table order, as (benchmark name part, heading).
 struct ExecuteCase {

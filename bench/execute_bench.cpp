@@ -115,10 +115,14 @@ double p99(const std::vector<double>& v) {
 
 std::string g_model;
 
+}  // namespace
+
 ArtifactDetector& shared_detector() {
   static DetectorPtr detector = make_detector(g_model);
   return *detector;
 }
+
+namespace {
 
 void execute(benchmark::State& state, const Case* c, int threads) {
   cv::setNumThreads(threads);
