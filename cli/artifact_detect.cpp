@@ -7,95 +7,115 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <opencv2/core/utils/logger.hpp>
 
-#include "artifact_detector.h"
+#include "detector.h"
 #include "folder_walk.h"
 #include "image_file.h"
 #include "options.h"
 #include "report.h"
+#include "report_files.h"
 
-using artifact_detector::ArtifactDetector;
+using artifact_detector::Detector;
+using artifact_detector::Frame;
 using namespace artifact_detect;
 
 namespace {
 
 constexpr std::size_t kProgressMinFiles = 20;
-// The network's input side; a reduced JPEG keeps at least twice it on each side.
-constexpr int kNetworkInputSide = 224;
+constexpr int kThumbnailSide = 240;
 
-struct DetectorDeleter {
-  void operator()(ArtifactDetector* detector) const { ArtifactDetector::Destroy(detector); }
-};
-using DetectorPtr = std::unique_ptr<ArtifactDetector, DetectorDeleter>;
-
-DetectorPtr make_detector(const std::string& models, std::string& error) {
-  DetectorPtr detector(ArtifactDetector::Create());
-  std::vector<char> path(models.begin(), models.end());
-  path.push_back('\0');
-  if (!detector->initialize(ArtifactDetector::DEFAULT, path.data())) {
-    error = "the detector could not be initialised from " + models;
+std::unique_ptr<Detector> make_detector(const Options& options, std::string& error) {
+  artifact_detector::Options quiet;
+  quiet.quiet = !options.verbose;
+  quiet.log_priority = options.verbose ? ANDROID_LOG_INFO : ANDROID_LOG_SILENT;
+  std::unique_ptr<Detector> detector = Detector::open(options.models, quiet);
+  if (!detector->ready()) {
+    error = "the model under " + options.models + " could not be opened: " + detector->error();
     return nullptr;
   }
-  // initialize() succeeds even when the model did not open; a probe frame tells.
-  cv::Mat probe(240, 320, CV_8UC3);
-  cv::randu(probe, 0, 256);
-  if (!detector->execute(probe, 0)) {
-    error = "the model under " + models + " could not be run (see --verbose)";
-    return nullptr;
-  }
+  if (options.threshold_table) detector->set_thresholds(*options.threshold_table);
+  for (const auto& [id, threshold] : options.thresholds) detector->set_threshold(id, threshold);
   return detector;
 }
 
-// Runs one file; false when the detector declined the frame (a uniform colour). Throws with
-// the reason when the file cannot be had.
-bool run_file(ArtifactDetector& detector, const std::string& path, const Options& options) {
+// Runs one file; throws with the reason when the file cannot be had.
+artifact_detector::Result run_file(Detector& detector, const std::string& path,
+                                   const Options& options, std::string& thumbnail) {
   if (options.raw) {
     const std::uint64_t expected = static_cast<std::uint64_t>(options.raw_width) *
                                    options.raw_height * options.raw->bytes_per_two_pixels / 2;
-    FileRead file = read_regular_file(path, expected, true);
+    const FileRead file = read_regular_file(path, expected, true);
     if (!file.error.empty()) throw std::runtime_error(file.error);
-    return detector.execute(reinterpret_cast<char*>(file.bytes.data()), options.raw_width,
-                            options.raw_height, options.rotation, options.raw->format);
+    const Frame frame =
+        options.raw->format == artifact_detector::PixelFormat::kNv21
+            ? Frame::nv21(file.bytes.data(), options.raw_width, options.raw_height, options.rotation)
+            : Frame::packed(options.raw->format, file.bytes.data(), 0, options.raw_width,
+                            options.raw_height, options.rotation);
+    return detector.detect(frame);
   }
   FileRead file = read_regular_file(path, image_file_limit(options.max_pixels), false);
   if (!file.error.empty()) throw std::runtime_error(file.error);
   DecodeLimits limits;
   limits.max_pixels = options.max_pixels;
-  limits.min_side = options.exact_decode ? 0 : 2 * kNetworkInputSide;
-  Decoded decoded = decode_image(file.bytes, limits);
+  const cv::Size input = detector.input_size();
+  limits.min_side = options.exact_decode ? 0 : 2 * std::max(input.width, input.height);
+  const Decoded decoded = decode_image(file.bytes, limits);
   file.bytes = Bytes();
   if (!decoded.error.empty()) throw std::runtime_error(decoded.error);
-  return detector.execute(decoded.image, 0);
+  if (!options.html.empty()) thumbnail = thumbnail_url(decoded.image, kThumbnailSide);
+  return detector.detect(decoded.image);
 }
 
-Result run_one(ArtifactDetector& detector, const Entry& entry, const Options& options) {
+Result run_one(Detector& detector, const Entry& entry, const Options& options) {
   Result result;
   result.path = entry.path;
   result.error = entry.error;
   if (!result.error.empty()) return result;
-  bool ran = false;
+  artifact_detector::Result run;
   try {
-    ran = run_file(detector, entry.path, options);
-  } catch (const cv::Exception& e) {
-    result.error = std::string("detector failed: ") + e.what();
-    return result;
+    run = run_file(detector, entry.path, options, result.thumbnail);
   } catch (const std::exception& e) {
     result.error = e.what();
     return result;
   }
-  result.ok = true;
-  // A false run (a uniform-colour frame) has no artifacts; the previous frame's list is stale.
-  if (ran) {
-    std::vector<ArtifactDetector::Artifact_Info> infos(detector.get_total_artifact_count());
-    detector.get_artifact_info(infos.data());
-    for (const auto& info : infos) result.artifacts.push_back({info.tag, info.tag_id, info.score});
-  }
+  // A uniform frame is a verdict (nothing to report), not a failure.
+  using artifact_detector::Status;
+  result.ok = run.status == Status::kAnalysed || run.status == Status::kUniformFrame;
+  result.error = run.reason;
+  result.scored = run.analysed();
+  for (int i = 0; i < kClasses; ++i) result.scores[i] = run.probabilities[i];
+  for (const auto& a : run.artifacts) result.artifacts.push_back({a.name, a.id, a.probability});
   return result;
+}
+
+// Redirects the process's standard output (where libraries print diagnostics) to standard
+// error (--verbose) or nowhere, and answers a stream on the original for the results.
+FILE* results_stream(bool verbose) {
+  std::fflush(stdout);
+  FILE* out = fdopen(dup(STDOUT_FILENO), "w");
+  const int sink = verbose ? dup(STDERR_FILENO) : open("/dev/null", O_WRONLY);
+  if (out == nullptr || sink < 0 || dup2(sink, STDOUT_FILENO) < 0) {
+    std::perror("artifact-detect");
+    std::exit(1);
+  }
+  close(sink);
+  return out;
+}
+
+std::optional<Output> report_file(const std::string& path) {
+  if (path.empty()) return std::nullopt;
+  FILE* file = std::fopen(path.c_str(), "w");
+  if (file == nullptr) {
+    std::perror(("artifact-detect: " + path).c_str());
+    std::exit(1);
+  }
+  return std::optional<Output>(std::in_place, file, path);
 }
 
 }  // namespace
@@ -105,36 +125,36 @@ int main(int argc, char** argv) {
   __android_log_set_minimum_priority(options.verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_SILENT);
   cv::utils::logging::setLogLevel(options.verbose ? cv::utils::logging::LOG_LEVEL_INFO
                                                   : cv::utils::logging::LOG_LEVEL_ERROR);
-
-  // The library prints diagnostics on standard output; keep ours a clean stream of results
-  // by moving the library's to standard error (--verbose) or to nowhere.
-  std::fflush(stdout);
-  Output out(fdopen(dup(STDOUT_FILENO), "w"), "standard output");
-  const int sink = options.verbose ? dup(STDERR_FILENO) : open("/dev/null", O_WRONLY);
-  if (sink < 0 || dup2(sink, STDOUT_FILENO) < 0) {
-    std::perror("artifact-detect");
-    return 1;
-  }
-  close(sink);
+  Output out(results_stream(options.verbose), "standard output");
 
   const std::vector<Entry> entries = collect_entries(options.inputs);
   const std::size_t jobs =
       std::min<std::size_t>(options.jobs, std::max<std::size_t>(entries.size(), 1));
-
-  std::vector<DetectorPtr> detectors;
+  std::vector<std::unique_ptr<Detector>> detectors;
   for (std::size_t i = 0; i < jobs; ++i) {
     std::string error;
-    detectors.push_back(make_detector(options.models, error));
+    detectors.push_back(make_detector(options, error));
     if (!detectors.back()) {
       std::fprintf(stderr, "artifact-detect: %s\n", error.c_str());
       return 1;
     }
   }
 
-  Printer printer(out, options.jsonl, entries.size(),
-                  entries.size() >= kProgressMinFiles && isatty(STDERR_FILENO));
+  ClassNames names;
+  for (int i = 0; i < kClasses; ++i) names[i] = artifact_detector::class_name(i + 1);
+  std::optional<Output> csv_file = report_file(options.csv), html_file = report_file(options.html);
+  std::optional<CsvReport> csv;
+  std::optional<HtmlReport> html;
+  Sinks sinks;
+  sinks.out = &out;
+  sinks.jsonl = options.jsonl;
+  sinks.all_scores = options.all_scores ? &names : nullptr;
+  if (csv_file) sinks.csv = &csv.emplace(*csv_file, names), sinks.files.push_back(&*csv_file);
+  if (html_file) sinks.html = &html.emplace(*html_file, names), sinks.files.push_back(&*html_file);
+
+  Printer printer(sinks, entries.size(), entries.size() >= kProgressMinFiles && isatty(STDERR_FILENO));
   std::atomic<std::size_t> next{0};
-  auto work = [&](ArtifactDetector& detector) {
+  auto work = [&](Detector& detector) {
     for (std::size_t i = next++; i < entries.size() && !printer.lost(); i = next++) {
       printer.put(i, run_one(detector, entries[i], options));
     }
@@ -145,10 +165,14 @@ int main(int argc, char** argv) {
   for (std::thread& t : threads) t.join();
 
   printer.summary();
-  out.close();
-  if (!out.ok()) {
-    std::fprintf(stderr, "artifact-detect: results lost: %s\n", out.error().c_str());
-    return 1;
+  bool lost = false;
+  for (Output* stream : {&out, csv_file ? &*csv_file : nullptr, html_file ? &*html_file : nullptr}) {
+    if (stream == nullptr) continue;
+    stream->close();
+    if (!stream->ok()) {
+      std::fprintf(stderr, "artifact-detect: results lost: %s\n", stream->error().c_str());
+      lost = true;
+    }
   }
-  return printer.failed() == 0 ? 0 : 1;
+  return lost || printer.failed() > 0 ? 1 : 0;
 }

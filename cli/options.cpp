@@ -1,11 +1,14 @@
 #include "options.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
 namespace fs = std::filesystem;
-using artifact_detector::ArtifactDetector;
+using artifact_detector::Detector;
+using artifact_detector::PixelFormat;
 
 namespace artifact_detect {
 namespace {
@@ -18,6 +21,11 @@ const char kUsage[] =
     "\n"
     "options:\n"
     "  --jsonl             one JSON object per image on standard output\n"
+    "  --all-scores        with --jsonl, every class's probability as \"scores\"\n"
+    "  --csv FILE          write a CSV table: every class's probability and the tags\n"
+    "  --html FILE         write a contact sheet: thumbnails with their verdicts\n"
+    "  --threshold ID=P    accept class ID (1-11) above probability P; repeatable\n"
+    "  --thresholds FILE   the whole threshold table from a threshold file\n"
     "  --models DIR        models directory (default: the installed models, or the build\n"
     "                      tree's when run from it)\n"
     "  --max-pixels N      refuse images of more than N pixels (default 100000000)\n"
@@ -27,6 +35,7 @@ const char kUsage[] =
     "  --rotation DEG      clockwise rotation of raw buffers: 0, 90, 180 or 270\n"
     "  --jobs N            run N detectors in parallel threads (default 1)\n"
     "  --verbose           show the library's log lines on standard error\n"
+    "  --version           show the version\n"
     "  -h, --help          show this text\n";
 
 [[noreturn]] void usage_error(const std::string& message) {
@@ -60,9 +69,9 @@ std::string default_models_dir() {
 }
 
 RawFormat raw_format(const std::string& kind) {
-  if (kind == "nv21") return {ArtifactDetector::NV21, 3};
-  if (kind == "rgba") return {ArtifactDetector::RGBA, 8};
-  if (kind == "bgr") return {ArtifactDetector::BGR, 6};
+  if (kind == "nv21") return {PixelFormat::kNv21, 3};
+  if (kind == "rgba") return {PixelFormat::kRgba, 8};
+  if (kind == "bgr") return {PixelFormat::kBgr, 6};
   usage_error("--raw takes nv21, rgba or bgr");
 }
 
@@ -73,10 +82,39 @@ void parse_size(const std::string& size, Options& options) {
   options.raw_height = parse_int(size.substr(x + 1), "height");
 }
 
+void parse_threshold(const std::string& text, Options& options) {
+  const auto eq = text.find('=');
+  if (eq == std::string::npos) usage_error("--threshold takes ID=P");
+  const int id = parse_int(text.substr(0, eq), "class id");
+  if (id > artifact_detector::kClassCount) usage_error("bad class id: " + text.substr(0, eq));
+  try {
+    std::size_t used = 0;
+    const std::string p = text.substr(eq + 1);
+    const float value = std::stof(p, &used);
+    if (used == p.size()) {
+      options.thresholds[id] = value;
+      return;
+    }
+  } catch (const std::exception&) {
+  }
+  usage_error("bad probability in --threshold " + text);
+}
+
+// The device's threshold-file rules; a FIFO or device would block or never end.
+std::map<int, float> read_thresholds(const std::string& path) {
+  struct stat st {};
+  if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+    usage_error("--thresholds: " + path + " is not a regular file");
+  }
+  std::map<int, float> table = Detector::read_threshold_file(path);
+  if (table.empty()) usage_error("--thresholds: no threshold in " + path);
+  return table;
+}
+
 void check(const Options& options, bool have_size) {
   if (options.inputs.empty()) usage_error("no PATH given");
   if (options.raw && !have_size) usage_error("--raw needs --size WxH");
-  if (options.raw && options.raw->format == ArtifactDetector::NV21 &&
+  if (options.raw && options.raw->format == PixelFormat::kNv21 &&
       (options.raw_width % 2 != 0 || options.raw_height % 2 != 0)) {
     usage_error("NV21 buffers need an even width and height");
   }
@@ -99,12 +137,26 @@ Options parse_options(int argc, char** argv) {
     if (arg == "-h" || arg == "--help") {
       std::fputs(kUsage, stdout);
       std::exit(0);
+    } else if (arg == "--version") {
+      std::printf("artifact-detect %s (library %s)\n", ARTIFACT_DETECTOR_VERSION_STRING,
+                  artifact_detector::version());
+      std::exit(0);
     } else if (arg == "--jsonl") {
       options.jsonl = true;
     } else if (arg == "--verbose") {
       options.verbose = true;
     } else if (arg == "--exact-decode") {
       options.exact_decode = true;
+    } else if (arg == "--all-scores") {
+      options.all_scores = true;
+    } else if (arg == "--csv") {
+      options.csv = value();
+    } else if (arg == "--html") {
+      options.html = value();
+    } else if (arg == "--threshold") {
+      parse_threshold(value(), options);
+    } else if (arg == "--thresholds") {
+      options.threshold_table = read_thresholds(value());
     } else if (arg == "--models") {
       options.models = value();
     } else if (arg == "--jobs") {

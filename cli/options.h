@@ -2,16 +2,17 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "artifact_detector.h"
+#include "detector.h"
 
 namespace artifact_detect {
 
 struct RawFormat {
-  artifact_detector::ArtifactDetector::ImageFormat format;
+  artifact_detector::PixelFormat format;
   int bytes_per_two_pixels;
 };
 
@@ -21,6 +22,11 @@ struct Options {
   bool jsonl = false;
   bool verbose = false;
   bool exact_decode = false;
+  bool all_scores = false;
+  std::string csv;   // report files; empty: none
+  std::string html;
+  std::optional<std::map<int, float>> threshold_table;  // --thresholds FILE
+  std::map<int, float> thresholds;                      // --threshold ID=P, applied after
   int jobs = 1;
   std::uint64_t max_pixels = 100'000'000;
   std::optional<RawFormat> raw;

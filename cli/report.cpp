@@ -5,9 +5,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "report_files.h"
+
 namespace artifact_detect {
 
-std::string to_jsonl(const Result& result) {
+std::string to_jsonl(const Result& result, const ClassNames* all_scores) {
   nlohmann::ordered_json line;
   line["image"] = result.path;
   line["ok"] = result.ok;
@@ -16,6 +18,12 @@ std::string to_jsonl(const Result& result) {
     for (const Artifact& a : result.artifacts) {
       line["artifacts"].push_back(
           {{"score", static_cast<double>(a.score)}, {"tag", a.tag}, {"tag_id", a.tag_id}});
+    }
+    if (all_scores != nullptr && result.scored) {
+      line["scores"] = nlohmann::ordered_json::object();
+      for (int i = 0; i < kClasses; ++i) {
+        line["scores"][(*all_scores)[i]] = static_cast<double>(result.scores[i]);
+      }
     }
   } else {
     line["error"] = result.error;
@@ -76,13 +84,17 @@ std::string progress_line(std::size_t done, std::size_t total, double seconds) {
   return line + tail;
 }
 
-Printer::Printer(Output& out, bool jsonl, std::size_t total, bool progress)
-    : out_(out), jsonl_(jsonl), progress_(progress), pending_(total),
+Printer::Printer(const Sinks& sinks, std::size_t total, bool progress)
+    : sinks_(sinks), progress_(progress), pending_(total),
       start_(std::chrono::steady_clock::now()) {}
 
 bool Printer::lost() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return !out_.ok();
+  if (!sinks_.out->ok()) return true;
+  for (const Output* file : sinks_.files) {
+    if (!file->ok()) return true;
+  }
+  return false;
 }
 
 void Printer::put(std::size_t index, Result result) {
@@ -91,8 +103,10 @@ void Printer::put(std::size_t index, Result result) {
   while (next_ < pending_.size() && pending_[next_]) {
     const Result& r = *pending_[next_];
     clear_progress();
-    out_.write(jsonl_ ? to_jsonl(r) + "\n" : to_table(r));
-    out_.flush();  // a result is out once it is printed, even if the run is stopped later
+    sinks_.out->write(sinks_.jsonl ? to_jsonl(r, sinks_.all_scores) + "\n" : to_table(r));
+    sinks_.out->flush();  // a result is out once it is printed, even if the run is stopped later
+    if (sinks_.csv != nullptr) sinks_.csv->add(r);
+    if (sinks_.html != nullptr) sinks_.html->add(r);
     if (!r.ok) ++failed_;
     for (const Artifact& a : r.artifacts) ++counts_[{a.tag_id, a.tag}];
     pending_[next_].reset();
@@ -110,11 +124,12 @@ void Printer::summary() {
     std::snprintf(row, sizeof(row), "  %-11s %zu\n", key.second.c_str(), count);
     text += row;
   }
-  if (jsonl_) {
+  if (sinks_.jsonl) {
     std::fputs(text.c_str(), stderr);
   } else {
-    out_.write(text);
+    sinks_.out->write(text);
   }
+  if (sinks_.html != nullptr) sinks_.html->finish();
 }
 
 void Printer::clear_progress() {

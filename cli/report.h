@@ -3,6 +3,7 @@
 // lost must not end as a success.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -19,14 +20,22 @@ struct Artifact {
   float score;
 };
 
+constexpr int kClasses = 11;
+
 struct Result {
   std::string path;
   bool ok = false;
   std::string error;
   std::vector<Artifact> artifacts;
+  bool scored = false;  // the network ran: `scores` hold class id n at index n - 1
+  std::array<float, kClasses> scores{};
+  std::string thumbnail;  // a small JPEG for the HTML page, when one was asked for
 };
 
-std::string to_jsonl(const Result& result);
+// `class_names[n - 1]` names class id n.
+using ClassNames = std::array<std::string, kClasses>;
+
+std::string to_jsonl(const Result& result, const ClassNames* all_scores);
 std::string to_table(const Result& result);
 
 // A stream that remembers its first failed write, flush or close.
@@ -51,10 +60,23 @@ class Output {
   std::string error_;
 };
 
+class CsvReport;
+class HtmlReport;
+
+// Where the results go.
+struct Sinks {
+  Output* out = nullptr;  // a table, or JSON lines
+  bool jsonl = false;
+  const ClassNames* all_scores = nullptr;  // JSON lines carry every probability
+  CsvReport* csv = nullptr;
+  HtmlReport* html = nullptr;
+  std::vector<Output*> files;  // the report files' streams
+};
+
 // Prints results in input order as soon as every earlier one is in.
 class Printer {
  public:
-  Printer(Output& out, bool jsonl, std::size_t total, bool progress);
+  Printer(const Sinks& sinks, std::size_t total, bool progress);
 
   void put(std::size_t index, Result result);
   void summary();
@@ -66,8 +88,7 @@ class Printer {
   void draw_progress();
   void clear_progress();
 
-  Output& out_;
-  bool jsonl_;
+  Sinks sinks_;
   bool progress_;
   mutable std::mutex mutex_;
   std::vector<std::optional<Result>> pending_;

@@ -1,6 +1,7 @@
 # Drives artifact-detect end to end over the tiny test network.
 # Usage: cmake -DCLI=<exe> -DMODEL=<onnx> -DSAMPLES=<dir> -DFIXTURES=<dir> -DWORK_DIR=<dir>
 #        -P check_cli.cmake
+cmake_minimum_required(VERSION 3.22)
 execute_process(COMMAND chmod -R u+rwx ${WORK_DIR} ERROR_QUIET)  # a locked folder of a run before
 file(REMOVE_RECURSE ${WORK_DIR})
 file(WRITE ${WORK_DIR}/models/artifact_detector/artifact_detector_cnn.info
@@ -117,6 +118,56 @@ expect_output(1 "${lost}Broken pipe" bash -c [[trap '' PIPE
   { sleep 0.5
     exec "$@"
   } | true]] _ ${run} ${SAMPLES})
+
+# Reports: CSV rows and JSON lines of one run agree; thresholds set on the command line replace
+# the table (a file) or one class (ID=P); the HTML page filters in a real browser.
+file(WRITE ${WORK_DIR}/moire_only.json "{\n\"4\": 0.0\n}\n")
+expect_output(0 "^artifact-detect [0-9.]+ \\(library [0-9.]+\\)\n$" ${run} --version)
+expect_exit(1 ${run} --jsonl --all-scores --csv ${WORK_DIR}/r.csv --html ${WORK_DIR}/r.html
+            --threshold 3=0 ${SAMPLES} ${WORK_DIR}/not_an_image.jpg)
+file(STRINGS ${WORK_DIR}/r.csv rows)
+list(POP_FRONT rows header)
+string(REGEX REPLACE "\n$" "" out "${out}")
+string(REPLACE "\n" ";" lines "${out}")
+foreach(line IN LISTS lines)
+  list(POP_FRONT rows row)
+  string(JSON ok GET "${line}" ok)
+  string(REPLACE "," ";" fields "${row}")
+  list(LENGTH fields n)
+  if(ok)
+    string(JSON scores LENGTH "${line}" scores)
+    string(JSON accepted LENGTH "${line}" artifacts)
+    list(GET fields -1 tags)
+    string(REPLACE " " ";" tags "${tags}")
+    list(LENGTH tags listed)
+    if(NOT n EQUAL 15 OR NOT scores EQUAL 11 OR NOT listed EQUAL accepted OR NOT "Flare" IN_LIST tags)
+      message(FATAL_ERROR "row and line disagree, or Flare not accepted at 0:\n${row}\n${line}")
+    endif()
+  elseif(NOT row MATCHES ",false,\"not a JPEG[^\"]*\",,,,,,,,,,,,$")
+    message(FATAL_ERROR "failed image's row: ${row}")
+  endif()
+endforeach()
+expect_exit(0 ${run} --jsonl --thresholds ${WORK_DIR}/moire_only.json ${SAMPLES})
+string(REGEX MATCHALL "\"tag\":\"[A-Za-z]+\"" tags "${out}")
+list(REMOVE_DUPLICATES tags)
+if(NOT tags STREQUAL "\"tag\":\"Moire\"")
+  message(FATAL_ERROR "a threshold file replaces the table: ${tags}")
+endif()
+if(CHROMIUM)
+  execute_process(COMMAND ${CHROMIUM} --headless=new --no-sandbox --disable-gpu --dump-dom
+                          file://${WORK_DIR}/r.html\#failed
+                  OUTPUT_VARIABLE dom ERROR_QUIET TIMEOUT 120)
+  string(REGEX MATCHALL "<figure[^>]*>" figures "${dom}")
+  string(REGEX MATCHALL "<figure data-tags=\"[^\"]*\">" shown "${dom}")
+  string(REGEX MATCHALL "src=\"data:image/jpeg" inline "${dom}")
+  list(LENGTH figures total)
+  list(LENGTH inline thumbnails)
+  math(EXPR with_failed "${samples} + 1")
+  if(NOT total EQUAL with_failed OR NOT shown STREQUAL "<figure data-tags=\"failed\">"
+     OR NOT thumbnails EQUAL samples OR dom MATCHES "src=\"[^d]")
+    message(FATAL_ERROR "the page in the browser, filtered to the failed image:\n${dom}")
+  endif()
+endif()
 
 # Usage errors exit 2; a models directory without a model exits 1 before any image.
 expect_exit(2 ${CLI} --raw yuv --size 4x4 x)

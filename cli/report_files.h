@@ -1,0 +1,40 @@
+// The report files of artifact-detect: a CSV table and a self-contained HTML contact sheet.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "report.h"
+
+namespace artifact_detect {
+
+// One row per image: path, ok, error, the eleven probabilities, the reported tags.
+class CsvReport {
+ public:
+  CsvReport(Output& out, const ClassNames& names);
+  void add(const Result& result);
+
+ private:
+  Output& out_;
+};
+
+// A contact sheet: each image's thumbnail with its verdict, filterable by class.
+class HtmlReport {
+ public:
+  HtmlReport(Output& out, const ClassNames& names) : out_(out), names_(names) {}
+  void add(const Result& result);
+  // Writes the page; nothing is written before.
+  void finish();
+
+ private:
+  Output& out_;
+  ClassNames names_;
+  std::vector<Result> results_;
+};
+
+// A JPEG of `image` fitting a `side` square, as a data: URL.
+std::string thumbnail_url(const cv::Mat& image, int side);
+
+}  // namespace artifact_detect
