@@ -5,10 +5,6 @@
 #include <string>
 #include <vector>
 
-namespace artifact_detector {
-class ArtifactDetector;
-}
-
 namespace ad_bench {
 
 // Frame sizes of the conversion benchmarks: VGA preview, 1080p video, 12-megapixel still.
@@ -20,8 +16,8 @@ void register_convert_benchmarks();
 // Whole detection runs and their stages, with the model found at start.
 void register_execute_benchmarks(const std::string& model_path);
 
-// The detector the whole-run benchmarks share, with the model given at registration.
-artifact_detector::ArtifactDetector& shared_detector();
+// A models directory whose info file names the model given at registration.
+const std::string& models_dir();
 
 // A photo folder of 4000x3000 JPEGs through artifact-detect's path and its floors, one job;
 // large JPEGs are decoded reduced to keep at least twice `network_side` on each side.

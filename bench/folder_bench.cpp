@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "artifact_detector.h"
+#include "detector.h"
 #include "bench.h"
 #include "frames.h"
 #include "image_file.h"
@@ -49,7 +49,8 @@ int g_min_side = 0;
 void folder(benchmark::State& state, Path path) {
   static const PhotoFolder photos;
   cv::setNumThreads(1);
-  artifact_detector::ArtifactDetector& detector = shared_detector();
+  static const std::unique_ptr<artifact_detector::Detector> detector =
+      artifact_detector::Detector::open(models_dir());
   DecodeLimits limits;
   limits.min_side = path == Path::kBefore || path == Path::kFull ? 0 : g_min_side;
   std::size_t next = 0;
@@ -62,7 +63,7 @@ void folder(benchmark::State& state, Path path) {
       continue;
     }
     const artifact_detect::Decoded decoded = artifact_detect::decode_image(read.bytes, limits);
-    if (decoded.image.empty() || !detector.execute(decoded.image, 0)) {
+    if (decoded.image.empty() || !detector->detect(decoded.image).analysed()) {
       state.SkipWithError("the file did not run");
     }
   }

@@ -75,6 +75,7 @@ function(expect_output code pattern)
   if(NOT "${out}${err}" MATCHES "${pattern}")
     message(FATAL_ERROR "expected /${pattern}/ from ${ARGN}:\n${out}\n${err}")
   endif()
+  set(out "${out}" PARENT_SCOPE)
 endfunction()
 
 # A folder of hostile entries: each one that cannot be read is reported and counted, in order.
@@ -83,17 +84,19 @@ file(MAKE_DIRECTORY ${hostile}/sub ${hostile}/locked)
 file(COPY ${SAMPLES}/coffee.jpg DESTINATION ${hostile})
 file(COPY ${SAMPLES}/rocket.jpg DESTINATION ${hostile}/sub)
 file(COPY ${SAMPLES}/chelsea.jpg DESTINATION ${hostile}/locked)
+file(COPY_FILE ${SAMPLES}/chelsea.jpg ${hostile}/unreadable.jpg)
 file(CREATE_LINK nowhere.jpg ${hostile}/dangling.jpg SYMBOLIC)
 file(WRITE ${hostile}/empty.jpg "")
 file(WRITE ${hostile}/notes.txt "not an image by its name: skipped")
 execute_process(COMMAND mkfifo ${hostile}/fifo.jpg)
-execute_process(COMMAND chmod 000 ${hostile}/locked)
+execute_process(COMMAND chmod 000 ${hostile}/locked ${hostile}/unreadable.jpg)
 execute_process(COMMAND truncate -s 64G ${WORK_DIR}/sparse.raw)
 string(JOIN "[^\n]*\n[^\n]*" walk
   "coffee.jpg\",\"ok\":true" "dangling.jpg\",\"ok\":false,\"error\":\"cannot open file: No such file"
   "empty.jpg\",\"ok\":false,\"error\":\"not a JPEG" "fifo.jpg\",\"ok\":false,\"error\":\"not a regular file"
   "locked\",\"ok\":false,\"error\":\"cannot read folder: Permission denied"
-  "sub/rocket.jpg\",\"ok\":true[^\n]*\n6 images, 4 failed")
+  "sub/rocket.jpg\",\"ok\":true"
+  "unreadable.jpg\",\"ok\":false,\"error\":\"cannot open file: Permission denied[^\n]*\n7 images, 5 failed")
 # Root reads any folder; without the override capabilities it meets the permission bits.
 execute_process(COMMAND id -u OUTPUT_VARIABLE uid OUTPUT_STRIP_TRAILING_WHITESPACE)
 set(as_user)
@@ -109,8 +112,14 @@ expect_output(1 "not a regular file" ${run} --jobs 2 ${hostile}/fifo.jpg ${SAMPL
 expect_output(1 "not a regular file" ${run} --raw bgr --size 2x2 /dev/zero)
 expect_output(1 "holds 68719476736 bytes, expected 12\"" ${run} --jsonl --raw bgr --size 2x2 ${WORK_DIR}/sparse.raw)
 expect_output(1 "30000x30000 pixels is over the limit of 100000000" ${run} ${FIXTURES}/claims_30000x30000.jpg)
-expect_output(1 "600x400 pixels is over the limit of 239999" ${run} --max-pixels 239999 ${SAMPLES}/coffee.jpg)
-expect_output(0 "coffee.jpg" ${run} --max-pixels 240000 --exact-decode ${SAMPLES}/coffee.jpg)
+# Each format's header reader: 5x3 images, just over and just within the limit.
+expect_output(1 "10 images, 10 failed" ${run} --max-pixels 14 ${FIXTURES}/headers)
+string(REGEX MATCHALL "error: image of 5x3 pixels is over the limit of 14\n" refused "${out}")
+list(LENGTH refused refused)
+if(NOT refused EQUAL 10)
+  message(FATAL_ERROR "a header reader misread the size:\n${out}")
+endif()
+expect_output(0 "10 images, 0 failed" ${run} --max-pixels 15 --exact-decode ${FIXTURES}/headers)
 expect_output(1 "${lost}No space left on device" sh -c [[exec "$@" > /dev/full]] _ ${run} --jsonl ${SAMPLES})
 # (A ';' would split the script: CMake passes it on as a list.)
 expect_output(1 "${lost}Broken pipe" bash -c [[trap '' PIPE
