@@ -118,41 +118,67 @@ std::optional<Output> report_file(const std::string& path) {
   return std::optional<Output>(std::in_place, file, path);
 }
 
-}  // namespace
+// Every stream the results go to, and the writers over them.
+class Reports {
+ public:
+  Reports(const Options& options, FILE* results)
+      : out_(results, "standard output"),
+        csv_file_(report_file(options.csv)),
+        html_file_(report_file(options.html)) {
+    for (int i = 0; i < kClasses; ++i) names_[i] = artifact_detector::class_name(i + 1);
+    sinks_.out = &out_;
+    sinks_.jsonl = options.jsonl;
+    sinks_.all_scores = options.all_scores ? &names_ : nullptr;
+    if (csv_file_) {
+      sinks_.csv = &csv_.emplace(*csv_file_, names_);
+      sinks_.files.push_back(&*csv_file_);
+    }
+    if (html_file_) {
+      sinks_.html = &html_.emplace(*html_file_, names_);
+      sinks_.files.push_back(&*html_file_);
+    }
+  }
+  const Sinks& sinks() const { return sinks_; }
 
-int main(int argc, char** argv) {
-  const Options options = parse_options(argc, argv);
-  __android_log_set_minimum_priority(options.verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_SILENT);
-  cv::utils::logging::setLogLevel(options.verbose ? cv::utils::logging::LOG_LEVEL_INFO
-                                                  : cv::utils::logging::LOG_LEVEL_ERROR);
-  Output out(results_stream(options.verbose), "standard output");
+  // Closes every stream; false, with a line for each, when results were lost.
+  bool close() {
+    bool ok = true;
+    for (Output* stream : {&out_, csv_file_ ? &*csv_file_ : nullptr, html_file_ ? &*html_file_ : nullptr}) {
+      if (stream == nullptr) continue;
+      stream->close();
+      if (!stream->ok()) {
+        std::fprintf(stderr, "artifact-detect: results lost: %s\n", stream->error().c_str());
+        ok = false;
+      }
+    }
+    return ok;
+  }
 
-  const std::vector<Entry> entries = collect_entries(options.inputs);
-  const std::size_t jobs =
-      std::min<std::size_t>(options.jobs, std::max<std::size_t>(entries.size(), 1));
+ private:
+  ClassNames names_;
+  Output out_;
+  std::optional<Output> csv_file_, html_file_;
+  std::optional<CsvReport> csv_;
+  std::optional<HtmlReport> html_;
+  Sinks sinks_;
+};
+
+std::vector<std::unique_ptr<Detector>> make_detectors(const Options& options, std::size_t count) {
   std::vector<std::unique_ptr<Detector>> detectors;
-  for (std::size_t i = 0; i < jobs; ++i) {
+  for (std::size_t i = 0; i < count; ++i) {
     std::string error;
     detectors.push_back(make_detector(options, error));
     if (!detectors.back()) {
       std::fprintf(stderr, "artifact-detect: %s\n", error.c_str());
-      return 1;
+      std::exit(1);
     }
   }
+  return detectors;
+}
 
-  ClassNames names;
-  for (int i = 0; i < kClasses; ++i) names[i] = artifact_detector::class_name(i + 1);
-  std::optional<Output> csv_file = report_file(options.csv), html_file = report_file(options.html);
-  std::optional<CsvReport> csv;
-  std::optional<HtmlReport> html;
-  Sinks sinks;
-  sinks.out = &out;
-  sinks.jsonl = options.jsonl;
-  sinks.all_scores = options.all_scores ? &names : nullptr;
-  if (csv_file) sinks.csv = &csv.emplace(*csv_file, names), sinks.files.push_back(&*csv_file);
-  if (html_file) sinks.html = &html.emplace(*html_file, names), sinks.files.push_back(&*html_file);
-
-  Printer printer(sinks, entries.size(), entries.size() >= kProgressMinFiles && isatty(STDERR_FILENO));
+// One thread per detector takes the next entry until all are done or output is lost.
+void run_all(const std::vector<std::unique_ptr<Detector>>& detectors,
+             const std::vector<Entry>& entries, const Options& options, Printer& printer) {
   std::atomic<std::size_t> next{0};
   auto work = [&](Detector& detector) {
     for (std::size_t i = next++; i < entries.size() && !printer.lost(); i = next++) {
@@ -160,19 +186,30 @@ int main(int argc, char** argv) {
     }
   };
   std::vector<std::thread> threads;
-  for (std::size_t i = 1; i < jobs; ++i) threads.emplace_back(work, std::ref(*detectors[i]));
+  for (std::size_t i = 1; i < detectors.size(); ++i) {
+    threads.emplace_back(work, std::ref(*detectors[i]));
+  }
   work(*detectors[0]);
   for (std::thread& t : threads) t.join();
+}
 
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = parse_options(argc, argv);
+  __android_log_set_minimum_priority(options.verbose ? ANDROID_LOG_VERBOSE : ANDROID_LOG_SILENT);
+  cv::utils::logging::setLogLevel(options.verbose ? cv::utils::logging::LOG_LEVEL_INFO
+                                                  : cv::utils::logging::LOG_LEVEL_ERROR);
+  FILE* results = results_stream(options.verbose);
+
+  const std::vector<Entry> entries = collect_entries(options.inputs);
+  const auto detectors = make_detectors(
+      options, std::min<std::size_t>(options.jobs, std::max<std::size_t>(entries.size(), 1)));
+  Reports reports(options, results);
+  Printer printer(reports.sinks(), entries.size(),
+                  entries.size() >= kProgressMinFiles && isatty(STDERR_FILENO));
+  run_all(detectors, entries, options, printer);
   printer.summary();
-  bool lost = false;
-  for (Output* stream : {&out, csv_file ? &*csv_file : nullptr, html_file ? &*html_file : nullptr}) {
-    if (stream == nullptr) continue;
-    stream->close();
-    if (!stream->ok()) {
-      std::fprintf(stderr, "artifact-detect: results lost: %s\n", stream->error().c_str());
-      lost = true;
-    }
-  }
-  return lost || printer.failed() > 0 ? 1 : 0;
+  const bool written = reports.close();
+  return written && printer.failed() == 0 ? 0 : 1;
 }

@@ -93,50 +93,66 @@ void CsvReport::add(const Result& result) {
 
 void HtmlReport::add(const Result& result) { results_.push_back(result); }
 
-void HtmlReport::finish() {
+namespace {
+
+// The words a figure is filtered by: its tags, "clean" or "failed".
+std::string filter_words(const Result& r) {
+  return !r.ok ? "failed" : r.artifacts.empty() ? "clean" : tag_list(r);
+}
+
+std::string figure(const Result& r) {
+  const std::string name = r.path.substr(r.path.find_last_of('/') + 1);
+  std::string html = "<figure data-tags=\"" + html_text(filter_words(r)) + "\">" +
+                     (r.thumbnail.empty() ? "<div class=\"none\"></div>"
+                                          : "<img alt=\"" + html_text(name) + "\" src=\"" +
+                                                r.thumbnail + "\">") +
+                     "<figcaption title=\"" + html_text(r.path) + "\">" + html_text(name) + "<br>";
+  if (!r.ok) html += "<span class=\"tag failed\">" + html_text(r.error) + "</span>";
+  if (r.ok && r.artifacts.empty()) html += "<span class=\"tag clean\">no artifacts</span>";
+  char tag[160];
+  for (const Artifact& a : r.artifacts) {
+    std::snprintf(tag, sizeof tag, "<span class=\"tag\">%s %.2f</span>", html_text(a.tag).c_str(),
+                  static_cast<double>(a.score));
+    html += tag;
+  }
+  return html + "</figcaption></figure>\n";
+}
+
+// A button per filter word that some figure carries, in class order.
+std::string filter_buttons(const std::vector<Result>& results, const ClassNames& names) {
   std::map<std::string, std::size_t> counts;
-  std::string figures;
-  for (const Result& r : results_) {
-    const std::string tags = !r.ok ? "failed" : r.artifacts.empty() ? "clean" : tag_list(r);
-    for (std::size_t start = 0; start <= tags.size();) {
-      const std::size_t end = std::min(tags.find(' ', start), tags.size());
-      ++counts[tags.substr(start, end - start)];
+  for (const Result& r : results) {
+    const std::string words = filter_words(r);
+    for (std::size_t start = 0; start <= words.size();) {
+      const std::size_t end = std::min(words.find(' ', start), words.size());
+      ++counts[words.substr(start, end - start)];
       start = end + 1;
     }
-    const std::string name = r.path.substr(r.path.find_last_of('/') + 1);
-    figures += "<figure data-tags=\"" + html_text(tags) + "\">" +
-               (r.thumbnail.empty() ? "<div class=\"none\"></div>"
-                                    : "<img alt=\"" + html_text(name) + "\" src=\"" + r.thumbnail + "\">") +
-               "<figcaption title=\"" + html_text(r.path) + "\">" + html_text(name) + "<br>";
-    char tag[160];
-    if (!r.ok) figures += "<span class=\"tag failed\">" + html_text(r.error) + "</span>";
-    if (r.ok && r.artifacts.empty()) figures += "<span class=\"tag clean\">no artifacts</span>";
-    for (const Artifact& a : r.artifacts) {
-      std::snprintf(tag, sizeof tag, "<span class=\"tag\">%s %.2f</span>",
-                    html_text(a.tag).c_str(), static_cast<double>(a.score));
-      figures += tag;
-    }
-    figures += "</figcaption></figure>\n";
   }
   std::string nav = "<button class=\"on\" data-tag=\"all\">All " +
-                    std::to_string(results_.size()) + "</button>";
+                    std::to_string(results.size()) + "</button>";
   auto button = [&](const std::string& key, const std::string& label) {
     const auto it = counts.find(key);
-    if (it != counts.end()) {
-      nav += "<button data-tag=\"" + key + "\">" + label + " " + std::to_string(it->second) +
-             "</button>";
-    }
+    if (it == counts.end()) return;
+    nav += "<button data-tag=\"" + key + "\">" + label + " " + std::to_string(it->second) +
+           "</button>";
   };
   button("clean", "No artifacts");
-  for (const std::string& name : names_) button(name, name);
+  for (const std::string& name : names) button(name, name);
   button("failed", "Failed");
-  out_.write(
-      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">"
-      "<title>artifact-detect: " + std::to_string(results_.size()) + " images</title><style>" +
-      kStyle + "</style></head>\n<body><header><h1>artifact-detect: " +
-      std::to_string(results_.size()) + " images</h1><nav>" + nav + "</nav></header>\n<main>\n" +
-      figures + "</main>\n<script>" + kScript + "</script></body></html>\n");
+  return nav;
+}
+
+}  // namespace
+
+void HtmlReport::finish() {
+  const std::string title = "artifact-detect: " + std::to_string(results_.size()) + " images";
+  out_.write("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+             "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
+             title + "</title><style>" + kStyle + "</style></head>\n<body><header><h1>" + title +
+             "</h1><nav>" + filter_buttons(results_, names_) + "</nav></header>\n<main>\n");
+  for (const Result& r : results_) out_.write(figure(r));
+  out_.write(std::string("</main>\n<script>") + kScript + "</script></body></html>\n");
 }
 
 std::string thumbnail_url(const cv::Mat& image, int side) {
