@@ -123,6 +123,46 @@ void check(const Options& options, bool have_size) {
   }
 }
 
+bool parse_switch(const std::string& arg, Options& options) {
+  static const std::map<std::string, bool Options::*> kSwitches{
+      {"--jsonl", &Options::jsonl},
+      {"--verbose", &Options::verbose},
+      {"--exact-decode", &Options::exact_decode},
+      {"--all-scores", &Options::all_scores}};
+  const auto it = kSwitches.find(arg);
+  if (it == kSwitches.end()) return false;
+  options.*(it->second) = true;
+  return true;
+}
+
+// Options with one value, taken by `value()`; false for any other argument.
+template <typename Value>
+bool parse_valued(const std::string& arg, Value&& value, Options& options) {
+  if (arg == "--csv") {
+    options.csv = value();
+  } else if (arg == "--html") {
+    options.html = value();
+  } else if (arg == "--threshold") {
+    parse_threshold(value(), options);
+  } else if (arg == "--thresholds") {
+    options.threshold_table = read_thresholds(value());
+  } else if (arg == "--models") {
+    options.models = value();
+  } else if (arg == "--jobs") {
+    options.jobs = parse_int(value(), "--jobs");
+  } else if (arg == "--max-pixels") {
+    options.max_pixels =
+        static_cast<std::uint64_t>(parse_number(value(), "--max-pixels", 1, 1LL << 40));
+  } else if (arg == "--raw") {
+    options.raw = raw_format(value());
+  } else if (arg == "--rotation") {
+    options.rotation = parse_int(value(), "--rotation", 0);
+  } else {
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 Options parse_options(int argc, char** argv) {
@@ -141,39 +181,15 @@ Options parse_options(int argc, char** argv) {
       std::printf("artifact-detect %s (library %s)\n", ARTIFACT_DETECTOR_VERSION_STRING,
                   artifact_detector::version());
       std::exit(0);
-    } else if (arg == "--jsonl") {
-      options.jsonl = true;
-    } else if (arg == "--verbose") {
-      options.verbose = true;
-    } else if (arg == "--exact-decode") {
-      options.exact_decode = true;
-    } else if (arg == "--all-scores") {
-      options.all_scores = true;
-    } else if (arg == "--csv") {
-      options.csv = value();
-    } else if (arg == "--html") {
-      options.html = value();
-    } else if (arg == "--threshold") {
-      parse_threshold(value(), options);
-    } else if (arg == "--thresholds") {
-      options.threshold_table = read_thresholds(value());
-    } else if (arg == "--models") {
-      options.models = value();
-    } else if (arg == "--jobs") {
-      options.jobs = parse_int(value(), "--jobs");
-    } else if (arg == "--max-pixels") {
-      options.max_pixels = static_cast<std::uint64_t>(parse_number(value(), "--max-pixels", 1, 1LL << 40));
-    } else if (arg == "--raw") {
-      options.raw = raw_format(value());
-    } else if (arg == "--size") {
-      parse_size(value(), options);
-      have_size = true;
-    } else if (arg == "--rotation") {
-      options.rotation = parse_int(value(), "--rotation", 0);
-    } else if (arg.size() > 1 && arg[0] == '-') {
-      usage_error("unknown option " + arg);
-    } else {
-      options.inputs.push_back(arg);
+    } else if (!parse_switch(arg, options) && !parse_valued(arg, value, options)) {
+      if (arg == "--size") {
+        parse_size(value(), options);
+        have_size = true;
+      } else if (arg.size() > 1 && arg[0] == '-') {
+        usage_error("unknown option " + arg);
+      } else {
+        options.inputs.push_back(arg);
+      }
     }
   }
   check(options, have_size);
