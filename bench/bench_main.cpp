@@ -115,6 +115,7 @@ int main(int argc, char** argv) {
   const auto start = std::chrono::steady_clock::now();
 
   ad_bench::register_convert_benchmarks();
+  ad_bench::register_repack_benchmarks();
   ad_bench::register_execute_benchmarks(model);
   ad_bench::register_folder_benchmarks(std::max(conditions.input_width, conditions.input_height));
   ad_bench::CollectingReporter reporter(isatty(STDOUT_FILENO)

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <thread>
 #include <tuple>
 
 #include <opencv2/imgcodecs.hpp>
@@ -251,6 +252,29 @@ TEST_F(DetectorRun, QuietModeWritesNoStandardOutputAndLogsAtTheChosenPriority) {
                                                                     : std::set<int>{priority};
     EXPECT_EQ(priorities, expected);
   }
+}
+
+TEST_F(DetectorRun, OneDetectorSharedByThreadsGivesEachCallerItsOwnFramesResult) {
+  auto detector = Detector::open(models.path());
+  const Yuv sample("astronaut.jpg");
+  std::vector<uint8_t> nv21 = sample.nv21();
+  std::vector<Result> expected;
+  for (int rotation : {0, 90, 180, 270}) {
+    expected.push_back(detector->detect(Frame::nv21(nv21.data(), sample.w, sample.h, rotation)));
+  }
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 6; ++i) {
+        const int k = (t + i) % 4;
+        const Result r = detector->detect(Frame::nv21(nv21.data(), sample.w, sample.h, k * 90));
+        if (r.probabilities != expected[k].probabilities) ++mismatches[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 TEST(FrameRepack, VideoRangeIsExpandedToFullRange) {
