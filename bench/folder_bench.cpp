@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "detector.h"
 #include "bench.h"
+#include "detector.h"
 #include "frames.h"
 #include "image_file.h"
 #include "support/temp_dir.h"

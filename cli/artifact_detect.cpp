@@ -7,12 +7,11 @@
 #include <atomic>
 #include <cstdio>
 #include <memory>
+#include <opencv2/core/utils/logger.hpp>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <opencv2/core/utils/logger.hpp>
 
 #include "detector.h"
 #include "folder_walk.h"
@@ -54,7 +53,8 @@ artifact_detector::Result run_file(Detector& detector, const std::string& path,
     if (!file.error.empty()) throw std::runtime_error(file.error);
     const Frame frame =
         options.raw->format == artifact_detector::PixelFormat::kNv21
-            ? Frame::nv21(file.bytes.data(), options.raw_width, options.raw_height, options.rotation)
+            ? Frame::nv21(file.bytes.data(), options.raw_width, options.raw_height,
+                          options.rotation)
             : Frame::packed(options.raw->format, file.bytes.data(), 0, options.raw_width,
                             options.raw_height, options.rotation);
     return detector.detect(frame);
@@ -143,7 +143,8 @@ class Reports {
   // Closes every stream; false, with a line for each, when results were lost.
   bool close() {
     bool ok = true;
-    for (Output* stream : {&out_, csv_file_ ? &*csv_file_ : nullptr, html_file_ ? &*html_file_ : nullptr}) {
+    for (Output* stream :
+         {&out_, csv_file_ ? &*csv_file_ : nullptr, html_file_ ? &*html_file_ : nullptr}) {
       if (stream == nullptr) continue;
       stream->close();
       if (!stream->ok()) {

@@ -14,7 +14,7 @@ namespace {
 bool has_image_extension(const fs::path& path) {
   static constexpr std::array<const char*, 16> kExtensions = {
       ".jpg", ".jpeg", ".jpe", ".jfif", ".png", ".webp", ".bmp", ".dib",
-      ".tif", ".tiff", ".pbm", ".pgm", ".ppm", ".pnm", ".pam", ".pfm"};
+      ".tif", ".tiff", ".pbm", ".pgm",  ".ppm", ".pnm",  ".pam", ".pfm"};
   std::string ext = path.extension().string();
   std::transform(ext.begin(), ext.end(), ext.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });

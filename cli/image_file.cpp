@@ -7,9 +7,8 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <cstdlib>
-
+#include <cstring>
 #include <opencv2/imgcodecs.hpp>
 
 namespace artifact_detect {
@@ -31,13 +30,17 @@ class FileDescriptor {
 
 FileRead failure(std::string error) { return FileRead{{}, std::move(error)}; }
 
-std::string system_error(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
+std::string system_error(const char* what) {
+  return std::string(what) + ": " + std::strerror(errno);
+}
 
 // Big- and little-endian readers over a checked range.
 class Reader {
  public:
   explicit Reader(const Bytes& bytes) : b_(bytes) {}
-  bool has(std::size_t pos, std::size_t n) const { return pos <= b_.size() && n <= b_.size() - pos; }
+  bool has(std::size_t pos, std::size_t n) const {
+    return pos <= b_.size() && n <= b_.size() - pos;
+  }
   unsigned at(std::size_t pos) const { return b_[pos]; }
   std::uint32_t be(std::size_t pos, int n) const {
     std::uint32_t v = 0;
@@ -78,8 +81,8 @@ std::optional<ImageHeader> jpeg_header(const Reader& r) {
     if (marker == 0x01 || (marker >= 0xD0 && marker <= 0xD7)) continue;  // no length field
     if (marker == 0xD9 || marker == 0xDA || !r.has(pos, 2)) return std::nullopt;
     const std::size_t length = r.be(pos, 2);
-    const bool frame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 &&
-                       marker != 0xCC;
+    const bool frame =
+        marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
     if (frame) {
       if (!r.has(pos, 7)) return std::nullopt;
       return sized(r.be(pos + 5, 2), r.be(pos + 3, 2), true);
@@ -221,17 +224,22 @@ int jpeg_reduction(cv::Size size, int min_side) {
 
 int decode_flags(cv::Size size, const DecodeLimits& limits) {
   switch (jpeg_reduction(size, limits.min_side)) {
-    case 8: return cv::IMREAD_REDUCED_COLOR_8;
-    case 4: return cv::IMREAD_REDUCED_COLOR_4;
-    case 2: return cv::IMREAD_REDUCED_COLOR_2;
-    default: return cv::IMREAD_COLOR;
+    case 8:
+      return cv::IMREAD_REDUCED_COLOR_8;
+    case 4:
+      return cv::IMREAD_REDUCED_COLOR_4;
+    case 2:
+      return cv::IMREAD_REDUCED_COLOR_2;
+    default:
+      return cv::IMREAD_COLOR;
   }
 }
 
 std::uint64_t image_file_limit(std::uint64_t max_pixels) {
   constexpr std::uint64_t kBytesPerPixel = 16, kHeaders = 16 << 20;
-  return max_pixels > (UINT64_MAX - kHeaders) / kBytesPerPixel ? UINT64_MAX
-                                                               : max_pixels * kBytesPerPixel + kHeaders;
+  return max_pixels > (UINT64_MAX - kHeaders) / kBytesPerPixel
+             ? UINT64_MAX
+             : max_pixels * kBytesPerPixel + kHeaders;
 }
 
 Decoded decode_image(const Bytes& bytes, const DecodeLimits& limits) {
@@ -239,18 +247,19 @@ Decoded decode_image(const Bytes& bytes, const DecodeLimits& limits) {
   if (!header) return {{}, "not a JPEG, PNG, WebP, BMP, TIFF or PNM image"};
   const std::uint64_t pixels = static_cast<std::uint64_t>(header->size.width) * header->size.height;
   if (pixels > limits.max_pixels) {
-    return {{}, "image of " + std::to_string(header->size.width) + "x" +
-                    std::to_string(header->size.height) + " pixels is over the limit of " +
-                    std::to_string(limits.max_pixels)};
+    return {{},
+            "image of " + std::to_string(header->size.width) + "x" +
+                std::to_string(header->size.height) + " pixels is over the limit of " +
+                std::to_string(limits.max_pixels)};
   }
   // Only libjpeg reduces while decoding; other formats would be decoded whole, then shrunk.
   if (bytes.size() > INT_MAX) return {{}, "file too large to decode"};
   const int flags = header->jpeg ? decode_flags(header->size, limits) : cv::IMREAD_COLOR;
   Decoded decoded;
   try {
-    decoded.image = cv::imdecode(cv::Mat(1, static_cast<int>(bytes.size()), CV_8U,
-                                         const_cast<unsigned char*>(bytes.data())),
-                                 flags);
+    decoded.image = cv::imdecode(
+        cv::Mat(1, static_cast<int>(bytes.size()), CV_8U, const_cast<unsigned char*>(bytes.data())),
+        flags);
   } catch (const cv::Exception& e) {
     decoded.error = std::string("cannot decode the image: ") + e.what();
     return decoded;

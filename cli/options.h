@@ -23,7 +23,7 @@ struct Options {
   bool verbose = false;
   bool exact_decode = false;
   bool all_scores = false;
-  std::string csv;   // report files; empty: none
+  std::string csv;  // report files; empty: none
   std::string html;
   std::optional<std::map<int, float>> threshold_table;  // --thresholds FILE
   std::map<int, float> thresholds;                      // --threshold ID=P, applied after

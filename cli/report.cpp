@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-
 #include <nlohmann/json.hpp>
 
 #include "report_files.h"
@@ -80,12 +79,14 @@ std::string progress_line(std::size_t done, std::size_t total, double seconds) {
   const double rate = done / seconds;
   const long left = static_cast<long>((total - done) / rate + 0.5);
   char tail[64];
-  std::snprintf(tail, sizeof(tail), "  %.1f/s  %ld:%02ld left", rate, left / 60, left % 60);
+  std::snprintf(tail, sizeof(tail), "  %.1f images/s  %ld:%02ld left", rate, left / 60, left % 60);
   return line + tail;
 }
 
 Printer::Printer(const Sinks& sinks, std::size_t total, bool progress)
-    : sinks_(sinks), progress_(progress), pending_(total),
+    : sinks_(sinks),
+      progress_(progress),
+      pending_(total),
       start_(std::chrono::steady_clock::now()) {}
 
 bool Printer::lost() const {

@@ -98,7 +98,7 @@ class Printer {
   std::chrono::steady_clock::time_point start_;
 };
 
-// "[####....] 12/500  8.3/s  0:59 left" for `done` of `total` after `seconds`.
+// "[####....] 12/500  8.3 images/s  0:59 left" for `done` of `total` after `seconds`.
 std::string progress_line(std::size_t done, std::size_t total, double seconds);
 
 }  // namespace artifact_detect

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <map>
-
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -20,11 +19,20 @@ std::string html_text(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -59,7 +67,8 @@ const char kStyle[] =
     "padding:8px}figure{margin:0;background:#fff;border-radius:6px;overflow:hidden}"
     "figure img,.none{width:100%;aspect-ratio:1;object-fit:contain;background:#ddd;display:block}"
     "figcaption{padding:4px 6px;font-size:.85em;overflow-wrap:anywhere}"
-    ".tag{display:inline-block;background:#fde2b4;border-radius:4px;padding:0 4px;margin:2px 2px 0 0}"
+    ".tag{display:inline-block;background:#fde2b4;border-radius:4px;padding:0 4px;margin:2px 2px 0 "
+    "0}"
     ".clean{background:#cdebc6}.failed{background:#f6c0c0}";
 
 // A filter can be linked to: page.html#Flare opens with it.
@@ -81,8 +90,8 @@ CsvReport::CsvReport(Output& out, const ClassNames& names) : out_(out) {
 }
 
 void CsvReport::add(const Result& result) {
-  std::string row = csv_field(result.path) + "," + (result.ok ? "true" : "false") + "," +
-                    csv_field(result.error);
+  std::string row =
+      csv_field(result.path) + "," + (result.ok ? "true" : "false") + "," + csv_field(result.error);
   char score[32];
   for (float p : result.scores) {
     std::snprintf(score, sizeof score, ",%.6f", static_cast<double>(p));
@@ -102,11 +111,11 @@ std::string filter_words(const Result& r) {
 
 std::string figure(const Result& r) {
   const std::string name = r.path.substr(r.path.find_last_of('/') + 1);
-  std::string html = "<figure data-tags=\"" + html_text(filter_words(r)) + "\">" +
-                     (r.thumbnail.empty() ? "<div class=\"none\"></div>"
-                                          : "<img alt=\"" + html_text(name) + "\" src=\"" +
-                                                r.thumbnail + "\">") +
-                     "<figcaption title=\"" + html_text(r.path) + "\">" + html_text(name) + "<br>";
+  std::string html =
+      "<figure data-tags=\"" + html_text(filter_words(r)) + "\">" +
+      (r.thumbnail.empty() ? "<div class=\"none\"></div>"
+                           : "<img alt=\"" + html_text(name) + "\" src=\"" + r.thumbnail + "\">") +
+      "<figcaption title=\"" + html_text(r.path) + "\">" + html_text(name) + "<br>";
   if (!r.ok) html += "<span class=\"tag failed\">" + html_text(r.error) + "</span>";
   if (r.ok && r.artifacts.empty()) html += "<span class=\"tag clean\">no artifacts</span>";
   char tag[160];
@@ -129,8 +138,8 @@ std::string filter_buttons(const std::vector<Result>& results, const ClassNames&
       start = end + 1;
     }
   }
-  std::string nav = "<button class=\"on\" data-tag=\"all\">All " +
-                    std::to_string(results.size()) + "</button>";
+  std::string nav =
+      "<button class=\"on\" data-tag=\"all\">All " + std::to_string(results.size()) + "</button>";
   auto button = [&](const std::string& key, const std::string& label) {
     const auto it = counts.find(key);
     if (it == counts.end()) return;
@@ -147,10 +156,11 @@ std::string filter_buttons(const std::vector<Result>& results, const ClassNames&
 
 void HtmlReport::finish() {
   const std::string title = "artifact-detect: " + std::to_string(results_.size()) + " images";
-  out_.write("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-             "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
-             title + "</title><style>" + kStyle + "</style></head>\n<body><header><h1>" + title +
-             "</h1><nav>" + filter_buttons(results_, names_) + "</nav></header>\n<main>\n");
+  out_.write(
+      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
+      title + "</title><style>" + kStyle + "</style></head>\n<body><header><h1>" + title +
+      "</h1><nav>" + filter_buttons(results_, names_) + "</nav></header>\n<main>\n");
   for (const Result& r : results_) out_.write(figure(r));
   out_.write(std::string("</main>\n<script>") + kScript + "</script></body></html>\n");
 }

@@ -1,10 +1,9 @@
 // The report files of artifact-detect: a CSV table and a self-contained HTML contact sheet.
 #pragma once
 
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
-
-#include <opencv2/core.hpp>
 
 #include "report.h"
 
