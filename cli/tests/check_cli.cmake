@@ -112,6 +112,14 @@ expect_output(1 "not a regular file" ${run} --jobs 2 ${hostile}/fifo.jpg ${SAMPL
 expect_output(1 "not a regular file" ${run} --raw bgr --size 2x2 /dev/zero)
 expect_output(1 "holds 68719476736 bytes, expected 12\"" ${run} --jsonl --raw bgr --size 2x2 ${WORK_DIR}/sparse.raw)
 expect_output(1 "30000x30000 pixels is over the limit of 100000000" ${run} ${FIXTURES}/claims_30000x30000.jpg)
+# The test network takes 64x48: a 600x400 JPEG is decoded at 1/2 unless --exact-decode.
+expect_exit(0 ${run} --jsonl --all-scores ${SAMPLES}/coffee.jpg)
+set(reduced "${out}")
+expect_exit(0 ${run} --jsonl --all-scores --exact-decode ${SAMPLES}/coffee.jpg)
+if(out STREQUAL reduced)
+  message(FATAL_ERROR "the same scores from a reduced and a full decode:\n${out}")
+endif()
+
 # Each format's header reader: 5x3 images, just over and just within the limit.
 expect_output(1 "10 images, 10 failed" ${run} --max-pixels 14 ${FIXTURES}/headers)
 string(REGEX MATCHALL "error: image of 5x3 pixels is over the limit of 14\n" refused "${out}")
