@@ -93,8 +93,8 @@ void shrink_after(benchmark::State& state, cv::Size size) {
   std::vector<unsigned char> in = to_nv21(photo_frame(size));
   for (auto _ : state) {
     cv::Mat small;
-    image_utils::shrink_upright_nv21(reinterpret_cast<char*>(in.data()), size.width,
-                                     size.height, 90, cv::Size(224, 224), small);
+    image_utils::shrink_upright_nv21(reinterpret_cast<char*>(in.data()), size.width, size.height,
+                                     90, cv::Size(224, 224), small);
     benchmark::DoNotOptimize(small.data);
   }
   count_bytes(state, size);

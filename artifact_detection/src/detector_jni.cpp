@@ -80,8 +80,7 @@ JNIEXPORT jlong JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeOpen
   });
 }
 
-JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeDestroy(JNIEnv*,
-                                                                                   jclass,
+JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeDestroy(JNIEnv*, jclass,
                                                                                    jlong h) {
   delete handle(h);
 }
@@ -124,9 +123,8 @@ JNIEXPORT jlong JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeDete
 
 JNIEXPORT jlong JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeDetectPlanes(
     JNIEnv* env, jclass, jlong h, jobject y, jint y_offset, jint y_row_stride, jobject u,
-    jint u_offset, jobject v, jint v_offset, jint uv_row_stride, jint uv_pixel_stride,
-    jint width, jint height, jint rotation, jint range, jfloatArray probabilities,
-    jobjectArray reason) {
+    jint u_offset, jobject v, jint v_offset, jint uv_row_stride, jint uv_pixel_stride, jint width,
+    jint height, jint rotation, jint range, jfloatArray probabilities, jobjectArray reason) {
   return guarded<jlong>(env, 0, [&]() -> jlong {
     const Frame frame = Frame::yuv_420_888(
         plane_address(env, y, y_offset), y_row_stride, plane_address(env, u, u_offset),
@@ -136,8 +134,10 @@ JNIEXPORT jlong JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeDete
   });
 }
 
-JNIEXPORT jfloat JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeThreshold(
-    JNIEnv* env, jclass, jlong h, jint id) {
+JNIEXPORT jfloat JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeThreshold(JNIEnv* env,
+                                                                                       jclass,
+                                                                                       jlong h,
+                                                                                       jint id) {
   return guarded<jfloat>(env, 0.0f, [&]() -> jfloat {
     const auto table = handle(h)->thresholds();
     const auto found = table.find(id);
@@ -153,8 +153,9 @@ JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeSetTh
   });
 }
 
-JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeClassName(
-    JNIEnv* env, jclass, jint id) {
+JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_Detector_nativeClassName(JNIEnv* env,
+                                                                                        jclass,
+                                                                                        jint id) {
   return env->NewStringUTF(artifact_detector::class_name(id));
 }
 

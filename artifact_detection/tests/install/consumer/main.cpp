@@ -29,8 +29,8 @@ int main(int argc, char** argv) {
                                     ArtifactDetector::NV21);
     std::vector<ArtifactDetector::Artifact_Info> expected(fixed->get_total_artifact_count());
     fixed->get_artifact_info(expected.data());
-    const artifact_detector::Result r = detector->detect(Frame::yuv_420_888(
-        y.data(), stride, vu.data() + 1, vu.data(), stride, 2, w, h, rotation));
+    const artifact_detector::Result r = detector->detect(
+        Frame::yuv_420_888(y.data(), stride, vu.data() + 1, vu.data(), stride, 2, w, h, rotation));
     same = same && ran && r.analysed() && r.artifacts.size() == expected.size();
     for (size_t i = 0; same && i < expected.size(); ++i) {
       same = r.artifacts[i].id == expected[i].tag_id &&
