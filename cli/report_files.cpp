@@ -1,7 +1,6 @@
 #include "report_files.h"
 
 #include <cstdio>
-#include <map>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -71,38 +70,23 @@ const char kStyle[] =
     "0}"
     ".clean{background:#cdebc6}.failed{background:#f6c0c0}";
 
-// A filter can be linked to: page.html#Flare opens with it.
+// Buttons for the filters that some figure carries, counted when the page loads (the page is
+// written as results come, so its end is where the counts are known). A filter can be linked
+// to: page.html#Flare opens with it.
 const char kScript[] =
-    "function show(t){var on=false;document.querySelectorAll('nav button').forEach(function(b){"
-    "b.classList.toggle('on',b.dataset.tag===t);on=on||b.dataset.tag===t});if(!on)return;"
-    "document.querySelectorAll('main figure').forEach(function(f){"
+    "var labels={all:'All',clean:'No artifacts',failed:'Failed'},counts={},"
+    "figs=document.querySelectorAll('main figure'),nav=document.querySelector('nav');"
+    "figs.forEach(function(f){f.dataset.tags.split(' ').forEach(function(t){"
+    "counts[t]=(counts[t]||0)+1})});counts.all=figs.length;"
+    "document.querySelector('h1').textContent+=': '+figs.length+' images';"
+    "order.forEach(function(t){if(!counts[t])return;var b=document.createElement('button');"
+    "b.dataset.tag=t;b.textContent=(labels[t]||t)+' '+counts[t];nav.appendChild(b)});"
+    "function show(t){if(!counts[t])t='all';nav.querySelectorAll('button').forEach(function(b){"
+    "b.classList.toggle('on',b.dataset.tag===t)});figs.forEach(function(f){"
     "f.hidden=t!=='all'&&f.dataset.tags.split(' ').indexOf(t)<0})}"
-    "document.querySelector('nav').addEventListener('click',function(e){"
-    "if(e.target.dataset.tag){show(e.target.dataset.tag);history.replaceState(null,'','#'+"
-    "e.target.dataset.tag)}});if(location.hash)show(decodeURIComponent(location.hash.slice(1)));";
-
-}  // namespace
-
-CsvReport::CsvReport(Output& out, const ClassNames& names) : out_(out) {
-  std::string header = "image,ok,error";
-  for (const std::string& name : names) header += "," + name;
-  out_.write(header + ",tags\n");
-}
-
-void CsvReport::add(const Result& result) {
-  std::string row =
-      csv_field(result.path) + "," + (result.ok ? "true" : "false") + "," + csv_field(result.error);
-  char score[32];
-  for (float p : result.scores) {
-    std::snprintf(score, sizeof score, ",%.6f", static_cast<double>(p));
-    row += result.scored ? score : ",";
-  }
-  out_.write(row + "," + csv_field(tag_list(result)) + "\n");
-}
-
-void HtmlReport::add(const Result& result) { results_.push_back(result); }
-
-namespace {
+    "nav.addEventListener('click',function(e){var t=e.target.dataset.tag;"
+    "if(t){show(t);history.replaceState(null,'','#'+t)}});"
+    "show(location.hash?decodeURIComponent(location.hash.slice(1)):'all');";
 
 // The words a figure is filtered by: its tags, "clean" or "failed".
 std::string filter_words(const Result& r) {
@@ -127,42 +111,40 @@ std::string figure(const Result& r) {
   return html + "</figcaption></figure>\n";
 }
 
-// A button per filter word that some figure carries, in class order.
-std::string filter_buttons(const std::vector<Result>& results, const ClassNames& names) {
-  std::map<std::string, std::size_t> counts;
-  for (const Result& r : results) {
-    const std::string words = filter_words(r);
-    for (std::size_t start = 0; start <= words.size();) {
-      const std::size_t end = std::min(words.find(' ', start), words.size());
-      ++counts[words.substr(start, end - start)];
-      start = end + 1;
-    }
-  }
-  std::string nav =
-      "<button class=\"on\" data-tag=\"all\">All " + std::to_string(results.size()) + "</button>";
-  auto button = [&](const std::string& key, const std::string& label) {
-    const auto it = counts.find(key);
-    if (it == counts.end()) return;
-    nav += "<button data-tag=\"" + key + "\">" + label + " " + std::to_string(it->second) +
-           "</button>";
-  };
-  button("clean", "No artifacts");
-  for (const std::string& name : names) button(name, name);
-  button("failed", "Failed");
-  return nav;
-}
-
 }  // namespace
 
+CsvReport::CsvReport(Output& out, const ClassNames& names) : out_(out) {
+  std::string header = "image,ok,error";
+  for (const std::string& name : names) header += "," + name;
+  out_.write(header + ",tags\n");
+}
+
+void CsvReport::add(const Result& result) {
+  std::string row =
+      csv_field(result.path) + "," + (result.ok ? "true" : "false") + "," + csv_field(result.error);
+  char score[32];
+  for (float p : result.scores) {
+    std::snprintf(score, sizeof score, ",%.6f", static_cast<double>(p));
+    row += result.scored ? score : ",";
+  }
+  out_.write(row + "," + csv_field(tag_list(result)) + "\n");
+}
+
+HtmlReport::HtmlReport(Output& out, const ClassNames& names) : out_(out), names_(names) {
+  out_.write(std::string("<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+                         "<meta name=\"viewport\" content=\"width=device-width, "
+                         "initial-scale=1\"><title>artifact-detect</title><style>") +
+             kStyle +
+             "</style></head>\n<body><header><h1>artifact-detect</h1><nav></nav>"
+             "</header>\n<main>\n");
+}
+
+void HtmlReport::add(const Result& result) { out_.write(figure(result)); }
+
 void HtmlReport::finish() {
-  const std::string title = "artifact-detect: " + std::to_string(results_.size()) + " images";
-  out_.write(
-      "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
-      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
-      title + "</title><style>" + kStyle + "</style></head>\n<body><header><h1>" + title +
-      "</h1><nav>" + filter_buttons(results_, names_) + "</nav></header>\n<main>\n");
-  for (const Result& r : results_) out_.write(figure(r));
-  out_.write(std::string("</main>\n<script>") + kScript + "</script></body></html>\n");
+  std::string order = "var order=['all','clean'";
+  for (const std::string& name : names_) order += ",'" + name + "'";
+  out_.write("</main>\n<script>" + order + ",'failed'];" + kScript + "</script></body></html>\n");
 }
 
 std::string thumbnail_url(const cv::Mat& image, int side) {

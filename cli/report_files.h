@@ -19,18 +19,18 @@ class CsvReport {
   Output& out_;
 };
 
-// A contact sheet: each image's thumbnail with its verdict, filterable by class.
+// A contact sheet: each image's thumbnail with its verdict, filterable by class. Written as
+// results come, so that a stopped run still leaves the images it reached.
 class HtmlReport {
  public:
-  HtmlReport(Output& out, const ClassNames& names) : out_(out), names_(names) {}
+  HtmlReport(Output& out, const ClassNames& names);
   void add(const Result& result);
-  // Writes the page; nothing is written before.
+  // Ends the page with the filters.
   void finish();
 
  private:
   Output& out_;
   ClassNames names_;
-  std::vector<Result> results_;
 };
 
 // A JPEG of `image` fitting a `side` square, as a data: URL.
