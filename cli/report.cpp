@@ -108,6 +108,7 @@ void Printer::put(std::size_t index, Result result) {
     sinks_.out->flush();  // a result is out once it is printed, even if the run is stopped later
     if (sinks_.csv != nullptr) sinks_.csv->add(r);
     if (sinks_.html != nullptr) sinks_.html->add(r);
+    for (Output* file : sinks_.files) file->flush();
     if (!r.ok) ++failed_;
     for (const Artifact& a : r.artifacts) ++counts_[{a.tag_id, a.tag}];
     pending_[next_].reset();
