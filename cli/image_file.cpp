@@ -129,39 +129,61 @@ std::optional<ImageHeader> tiff_header(const Reader& r) {
   return sized(width, height);
 }
 
-// P1-P6 and PFM give width and height as the first two numbers; PAM names them.
-std::optional<ImageHeader> pnm_header(const Bytes& bytes) {
-  constexpr std::size_t kHeaderBytes = 1024;
-  std::string head(bytes.begin() + 2, bytes.begin() + std::min(bytes.size(), kHeaderBytes));
-  std::vector<std::string> tokens;
-  std::size_t pos = 0;
-  while (pos < head.size() && tokens.size() < 16) {
-    if (head[pos] == '#') {
-      pos = head.find('\n', pos);
-      if (pos == std::string::npos) break;
-    } else if (std::isspace(static_cast<unsigned char>(head[pos]))) {
+// P1-P6 as OpenCV reads them: a number follows white space and '#' comments (to the end of
+// the line); any other byte before it ends the header, and the byte after it goes with it.
+std::optional<std::int64_t> pnm_number(const Bytes& b, std::size_t& pos) {
+  while (pos < b.size() && !std::isdigit(b[pos])) {
+    if (b[pos] == '#') {
+      while (pos < b.size() && b[pos] != '\n' && b[pos] != '\r') ++pos;
+      ++pos;
+    } else if (std::isspace(b[pos])) {
       ++pos;
     } else {
-      const std::size_t end = head.find_first_of(" \t\r\n#", pos);
-      tokens.push_back(head.substr(pos, end - pos));
-      pos = end;
+      return std::nullopt;
     }
+  }
+  std::int64_t value = 0;
+  bool any = false;
+  for (; pos < b.size() && std::isdigit(b[pos]); ++pos, any = true) {
+    value = value * 10 + (b[pos] - '0');
+    if (value > INT_MAX) return std::nullopt;
+  }
+  ++pos;
+  return any ? std::optional<std::int64_t>(value) : std::nullopt;
+}
+
+std::optional<ImageHeader> pnm_header(const Bytes& bytes) {
+  if (!std::isspace(bytes[2])) return std::nullopt;
+  std::size_t pos = 2;
+  const auto width = pnm_number(bytes, pos);
+  const auto height = width ? pnm_number(bytes, pos) : std::nullopt;
+  return width && height ? sized(*width, *height) : std::nullopt;
+}
+
+// PAM names its sizes, PFM gives them first; both as white-space separated words.
+std::optional<ImageHeader> pam_pfm_header(const Bytes& bytes) {
+  constexpr std::size_t kHeaderBytes = 1024;
+  const std::string head(bytes.begin() + 2, bytes.begin() + std::min(bytes.size(), kHeaderBytes));
+  std::vector<std::string> words;
+  for (std::size_t pos = 0; pos < head.size() && words.size() < 16;) {
+    const std::size_t start = head.find_first_not_of(" \t\r\n", pos);
+    if (start == std::string::npos) break;
+    pos = std::min(head.find_first_of(" \t\r\n", start), head.size());
+    words.push_back(head.substr(start, pos - start));
   }
   auto number = [](const std::string& s) -> std::int64_t {
-    char* end = nullptr;
-    const long long v = std::strtoll(s.c_str(), &end, 10);
-    return end != s.c_str() && *end == '\0' ? v : -1;
+    const bool digits =
+        !s.empty() && s.size() < 10 && s.find_first_not_of("0123456789") == std::string::npos;
+    return digits ? std::stoll(s) : -1;
   };
-  if (bytes[1] == '7') {
-    std::int64_t width = -1, height = -1;
-    for (std::size_t i = 0; i + 1 < tokens.size(); ++i) {
-      if (tokens[i] == "WIDTH") width = number(tokens[i + 1]);
-      if (tokens[i] == "HEIGHT") height = number(tokens[i + 1]);
-    }
-    return sized(width, height);
+  if (bytes[1] != '7')
+    return words.size() < 2 ? std::nullopt : sized(number(words[0]), number(words[1]));
+  std::int64_t width = -1, height = -1;
+  for (std::size_t i = 0; i + 1 < words.size(); ++i) {
+    if (words[i] == "WIDTH") width = number(words[i + 1]);
+    if (words[i] == "HEIGHT") height = number(words[i + 1]);
   }
-  if (tokens.size() < 2) return std::nullopt;
-  return sized(number(tokens[0]), number(tokens[1]));
+  return sized(width, height);
 }
 
 }  // namespace
@@ -203,9 +225,9 @@ std::optional<ImageHeader> read_image_header(const Bytes& bytes) {
   if (r.text(0, "RIFF") && r.text(8, "WEBP")) return webp_header(r);
   if (r.text(0, "BM")) return bmp_header(r);
   if (r.text(0, "II*") || r.text(0, "MM")) return tiff_header(r);
-  if (r.has(0, 3) && r.at(0) == 'P' && r.at(1) != 0 &&
-      std::strchr("1234567fF", static_cast<int>(r.at(1))) != nullptr) {
-    return pnm_header(bytes);
+  if (r.has(0, 3) && r.at(0) == 'P' && r.at(1) >= '1' && r.at(1) <= '6') return pnm_header(bytes);
+  if (r.has(0, 3) && r.at(0) == 'P' && (r.at(1) == '7' || r.at(1) == 'f' || r.at(1) == 'F')) {
+    return pam_pfm_header(bytes);
   }
   return std::nullopt;
 }
