@@ -153,7 +153,6 @@ std::optional<std::int64_t> pnm_number(const Bytes& b, std::size_t& pos) {
 }
 
 std::optional<ImageHeader> pnm_header(const Bytes& bytes) {
-  if (!std::isspace(bytes[2])) return std::nullopt;
   std::size_t pos = 2;
   const auto width = pnm_number(bytes, pos);
   const auto height = width ? pnm_number(bytes, pos) : std::nullopt;
@@ -216,19 +215,26 @@ FileRead read_regular_file(const std::string& path, std::uint64_t size_limit, bo
   return result;
 }
 
+// OpenCV hands a file to the first decoder whose signature matches, and falls through to the
+// next when a check fails. Only the DICOM decoder looks past the first bytes (at 128), and it
+// aborts the process on a broken file: beyond JPEG and PNG, whose checks are OpenCV's own, a
+// file that carries its signature is never handed on, and the other signatures are checked
+// at least as strictly as OpenCV checks them.
 std::optional<ImageHeader> read_image_header(const Bytes& bytes) {
   const Reader r(bytes);
+  const bool tiff = r.has(0, 4) && ((r.text(0, "II") && r.le(2, 2) == 42) ||
+                                    (r.text(0, "MM") && r.be(2, 2) == 42));
+  const bool any_map = r.has(0, 3) && r.at(0) == 'P' && std::isspace(r.at(2));
   if (r.has(0, 3) && r.at(0) == 0xFF && r.at(1) == 0xD8 && r.at(2) == 0xFF) return jpeg_header(r);
   if (r.text(0, "\x89PNG\r\n\x1a\n") && r.text(12, "IHDR") && r.has(16, 8)) {
     return sized(r.be(16, 4), r.be(20, 4));
   }
+  if (r.text(128, "DICM")) return std::nullopt;
   if (r.text(0, "RIFF") && r.text(8, "WEBP")) return webp_header(r);
   if (r.text(0, "BM")) return bmp_header(r);
-  if (r.text(0, "II*") || r.text(0, "MM")) return tiff_header(r);
-  if (r.has(0, 3) && r.at(0) == 'P' && r.at(1) >= '1' && r.at(1) <= '6') return pnm_header(bytes);
-  if (r.has(0, 3) && r.at(0) == 'P' && (r.at(1) == '7' || r.at(1) == 'f' || r.at(1) == 'F')) {
-    return pam_pfm_header(bytes);
-  }
+  if (tiff) return tiff_header(r);
+  if (any_map && r.at(1) >= '1' && r.at(1) <= '6') return pnm_header(bytes);
+  if (any_map && (r.at(1) == '7' || r.at(1) == 'f' || r.at(1) == 'F')) return pam_pfm_header(bytes);
   return std::nullopt;
 }
 

@@ -112,6 +112,8 @@ expect_output(1 "not a regular file" ${run} --jobs 2 ${hostile}/fifo.jpg ${SAMPL
 expect_output(1 "not a regular file" ${run} --raw bgr --size 2x2 /dev/zero)
 expect_output(1 "holds 68719476736 bytes, expected 12\"" ${run} --jsonl --raw bgr --size 2x2 ${WORK_DIR}/sparse.raw)
 expect_output(1 "30000x30000 pixels is over the limit of 100000000" ${run} ${FIXTURES}/claims_30000x30000.jpg)
+# A broken TIFF signature with DICOM's behind it: OpenCV's DICOM decoder aborts on such files.
+expect_output(1 "dicom_behind_broken_tiff.tif\n  error: not a JPEG" ${run} ${FIXTURES}/dicom_behind_broken_tiff.tif)
 # The test network takes 64x48: a 600x400 JPEG is decoded at 1/2 unless --exact-decode.
 expect_exit(0 ${run} --jsonl --all-scores ${SAMPLES}/coffee.jpg)
 set(reduced "${out}")
