@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "detector.h"
+
 namespace artifact_detect {
 
 struct Artifact {
@@ -20,7 +22,7 @@ struct Artifact {
   float score;
 };
 
-constexpr int kClasses = 11;
+constexpr int kClasses = artifact_detector::kClassCount;
 
 struct Result {
   std::string path;
