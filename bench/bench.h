@@ -32,6 +32,15 @@ void register_repack_benchmarks();
 // Whole detection runs and their stages, with the model found at start.
 void register_execute_benchmarks(const std::string& model_path);
 
+// A models directory whose info file names the model given at registration.
+const std::string& models_dir();
+
+// A photo folder of 4000x3000 JPEGs through artifact-detect's path and its floors, one job;
+// large JPEGs are decoded reduced to keep at least twice `network_side` on each side.
+void register_folder_benchmarks(int network_side);
+// The folder cases in table order, as (benchmark name part, heading).
+const std::vector<std::pair<std::string, std::string>>& folder_cases();
+
 // The whole-run cases in table order, as (benchmark name part, heading).
 struct ExecuteCase {
   std::string key;

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -116,6 +117,7 @@ int main(int argc, char** argv) {
   ad_bench::register_convert_benchmarks();
   ad_bench::register_repack_benchmarks();
   ad_bench::register_execute_benchmarks(model);
+  ad_bench::register_folder_benchmarks(std::max(conditions.input_width, conditions.input_height));
   ad_bench::CollectingReporter reporter(isatty(STDOUT_FILENO)
                                             ? benchmark::ConsoleReporter::OO_ColorTabular
                                             : benchmark::ConsoleReporter::OO_Tabular);

@@ -70,6 +70,8 @@ struct DetectorDeleter {
 };
 using DetectorPtr = std::unique_ptr<ArtifactDetector, DetectorDeleter>;
 
+std::string g_model;
+
 DetectorPtr make_detector(const std::string& model) {
   ModelsDir models(model);
   DetectorPtr detector(ArtifactDetector::Create());
@@ -113,7 +115,15 @@ double p99(const std::vector<double>& v) {
   return sorted[std::max<std::size_t>(rank, 1) - 1];
 }
 
-std::string g_model;
+}  // namespace
+
+const std::string& models_dir() {
+  static const ModelsDir models(g_model);
+  static const std::string base = models.base();
+  return base;
+}
+
+namespace {
 
 ArtifactDetector& shared_detector() {
   static DetectorPtr detector = make_detector(g_model);
