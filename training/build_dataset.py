@@ -24,6 +24,7 @@ import numpy as np
 import scenes
 import sources as src
 import synthesis as syn
+import synthesis_alt as alt
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 DATA = os.path.join(HERE, "data")
@@ -258,16 +259,30 @@ def choose_artifacts(rng):
 
 OPTICAL_ORDER = [syn.SHADOW, syn.REFLECTION, syn.FLARE, syn.MOIRE, syn.DONUT,
                  syn.BLUR, syn.MILDBLUR, syn.OTHERBLUR, syn.LOWLIGHT]
-OPTICAL = {
-    syn.SHADOW: syn.apply_shadow,
-    syn.FLARE: syn.apply_flare,
-    syn.MOIRE: syn.apply_moire,
-    syn.DONUT: syn.apply_donut_blur,
-    syn.BLUR: syn.apply_blur,
-    syn.MILDBLUR: syn.apply_mild_blur,
-    syn.OTHERBLUR: syn.apply_motion,
-    syn.LOWLIGHT: syn.apply_low_light,
+# Two independent renderers per artifact (synthesis.py and synthesis_alt.py), drawn
+# half and half, so the network cannot learn one renderer's signature.
+RENDERERS = {
+    name: (getattr(syn, "apply_" + name), getattr(alt, "apply_" + name))
+    for name in ("reflection", "shadow", "flare", "moire", "donut_blur", "blur", "mild_blur",
+                 "motion", "low_light", "ldr", "noise")
 }
+OPTICAL = {
+    syn.SHADOW: "shadow",
+    syn.REFLECTION: "reflection",
+    syn.FLARE: "flare",
+    syn.MOIRE: "moire",
+    syn.DONUT: "donut_blur",
+    syn.BLUR: "blur",
+    syn.MILDBLUR: "mild_blur",
+    syn.OTHERBLUR: "motion",
+    syn.LOWLIGHT: "low_light",
+}
+
+
+def renderer(rng, name):
+    return RENDERERS[name][int(rng.random() < 0.5)]
+
+
 ATTEMPTS = 3
 
 
@@ -292,11 +307,12 @@ def render(rng, artifacts, net_size):
         before = fr.lin
         for _ in range(ATTEMPTS):
             fr.lin = before
+            step = renderer(rng, OPTICAL[a])
             if a == syn.REFLECTION:
                 _, other = _pick_frame(rng, exclude=gi, size=(fr.w, fr.h))
-                ok = syn.apply_reflection(fr, rng, syn.to_linear(other))
+                ok = step(fr, rng, syn.to_linear(other))
             else:
-                ok = OPTICAL[a](fr, rng)
+                ok = step(fr, rng)
             if ok:
                 break
         else:
@@ -305,17 +321,18 @@ def render(rng, artifacts, net_size):
     if syn.LDR in artifacts:
         before = img
         for _ in range(ATTEMPTS):
-            img = syn.apply_ldr(before, rng)
+            img = renderer(rng, "ldr")(before, rng)
             if syn.ldr_visible(before, img, net_size):
                 break
         else:
             return None, None
     if syn.NOISE in artifacts:
-        img = syn.apply_noise(img, rng, net_size)
+        img = renderer(rng, "noise")(img, rng, net_size)
     elif syn.LOWLIGHT not in artifacts:
         # Every sensor is a little noisy: far below what counts as Noise.
         img = syn.apply_noise(img, rng, net_size, target=rng.uniform(0.0, 1.5))
-    return np.clip(np.round(img), 0, 255).astype(np.uint8), package
+    img = np.clip(np.round(img), 0, 255).astype(np.uint8)
+    return alt.camera_chain(img, rng), package
 
 
 def preprocess(frame_u8, net_size):
@@ -344,7 +361,7 @@ def make_sample(args):
 
 def code_digest():
     h = hashlib.sha256()
-    for name in ("synthesis.py", "build_dataset.py", "sources.py", "scenes.py"):
+    for name in ("synthesis.py", "synthesis_alt.py", "build_dataset.py", "sources.py", "scenes.py"):
         with open(os.path.join(HERE, name), "rb") as f:
             h.update(f.read())
     return h.hexdigest()[:16]
