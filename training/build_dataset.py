@@ -396,6 +396,24 @@ def build(split, count, seed, net_size, index, workers, out_dir):
         split, count, time.time() - t0, y.sum(0).tolist()), flush=True)
 
 
+def stream(index, seed, net_size, out_dir, shard, shards):
+    """Fresh training frames while the network trains: shard after shard of new
+    artifacts on the training scenes, each file pair renamed into place when
+    complete, so train.py swaps them in at the start of an epoch."""
+    os.makedirs(out_dir, exist_ok=True)
+    _init_worker(index, "train", net_size)
+    for k in range(shards):
+        x = np.zeros((shard, net_size, net_size, 3), np.uint8)
+        y = np.zeros((shard, syn.NUM_OUTPUTS), np.uint8)
+        for i in range(shard):
+            x[i], y[i], _, _ = make_sample((seed, 4, k * shard + i))
+        for name, arr in (("y", y), ("x", x)):  # x last: its presence marks the pair
+            tmp = os.path.join(out_dir, "tmp_%s.npy" % name)
+            np.save(tmp, arr)
+            os.replace(tmp, os.path.join(out_dir, "fresh_%03d_%s.npy" % (k, name)))
+        print("stream: shard %d of %d frames written" % (k + 1, shard), flush=True)
+
+
 def preview(index, split, net_size, seed, count, out_dir):
     """Writes a few full frames and their network views for inspection."""
     os.makedirs(out_dir, exist_ok=True)
@@ -421,6 +439,9 @@ def main():
                    help="packages kept out of training, comma-separated")
     p.add_argument("--workers", type=int, default=2)
     p.add_argument("--out", default=os.path.join(DATA, "cache"))
+    p.add_argument("--stream", help="write fresh training shards into this folder")
+    p.add_argument("--shard", type=int, default=1000)
+    p.add_argument("--shards", type=int, default=100)
     p.add_argument("--preview", type=int, default=0,
                    help="only write this many sample frames to --out")
     a = p.parse_args()
@@ -431,6 +452,9 @@ def main():
         len(index["files"]), len(groups["train"]), len(groups["val"])), flush=True)
     if a.preview:
         preview(index, "train", a.net_size, a.seed, a.preview, a.out)
+        return
+    if a.stream:
+        stream(index, a.seed, a.net_size, a.stream, a.shard, a.shards)
         return
     os.makedirs(a.out, exist_ok=True)
     meta = {"seed": a.seed, "net_size": a.net_size, "train": a.train, "val": a.val,

@@ -399,13 +399,16 @@ def apply_flare(fr, rng):
     return float(np.mean(np.abs(fr.view() - base_view))) >= 10.0
 
 
+def half_grid(fr):
+    """Size and coordinates of a half-size grid: moire bands are at least a few
+    network pixels wide, so patterns are computed there and interpolated up."""
+    h, w = fr.h // 2, fr.w // 2
+    return h, w, np.arange(w, dtype=np.float32)[None, :], np.arange(h, dtype=np.float32)[:, None]
+
+
 def apply_moire(fr, rng):
     base_view = fr.view()
-    # The bands are at least a few network pixels wide, so the pattern is
-    # computed on a half-size grid and interpolated up.
-    h, w = fr.h // 2, fr.w // 2
-    x = np.arange(w, dtype=np.float32)[None, :]
-    y = np.arange(h, dtype=np.float32)[:, None]
+    h, w, x, y = half_grid(fr)
     diag = math.hypot(w, h)
     layers = 1 if rng.random() < 0.6 else 2
     total = np.zeros((h, w, 3), np.float32)

@@ -181,9 +181,7 @@ def apply_flare(fr, rng):
 
 def apply_moire(fr, rng):
     base_view = fr.view()
-    h, w = fr.h // 2, fr.w // 2
-    x = np.arange(w, dtype=np.float32)[None, :]
-    y = np.arange(h, dtype=np.float32)[:, None]
+    h, w, x, y = syn.half_grid(fr)
     # Two gratings of nearly the same fine frequency; their product holds the sum
     # (removed by the low-pass, as the sensor's pixels would) and the difference,
     # which is the visible band.
