@@ -101,7 +101,7 @@ def apply_shadow(fr, rng):
     lh, lw = max(16, fr.h // 8), max(16, fr.w // 8)
     for _ in range(6):
         m = _occluder(rng, lh, lw)
-        if 0.12 <= float(m.mean()) <= 0.7:
+        if syn.SHADOW_AREA[0] <= float(m.mean()) <= syn.SHADOW_AREA[1] + 0.05:
             break
     else:
         return False
@@ -310,7 +310,7 @@ def _rotational(fr, rng, angle_deg):
 
 def apply_motion(fr, rng):
     base = syn.edge_strength(syn.luma(fr.view()))
-    length = rng.uniform(3.5, 12.0) * fr.scale
+    length = rng.uniform(*syn.MOTION_LENGTH) * fr.scale
     if rng.random() < 0.35:
         # Arc length at the frame centre of about `length` full-resolution pixels.
         cx_dist = math.hypot(fr.w, fr.h) * rng.uniform(0.4, 1.0)
@@ -358,8 +358,7 @@ def apply_low_light(fr, rng):
     if rng.random() < 0.5:  # in-camera denoising leaves blotches
         noisy = cv2.GaussianBlur(noisy, (0, 0), rng.uniform(1.0, 2.5))
     fr.lin = np.maximum(noisy, 0.0)
-    y = float(np.mean(syn.luma(fr.view())))
-    return y <= 58.0 and y <= 0.55 * base_y
+    return syn.low_light_visible(fr, base_y)
 
 
 def apply_noise(img, rng, net_size):
