@@ -84,6 +84,11 @@ def best_cut(scores, labels):
     return 0.5 * (s[k] + below), float(f1[k])
 
 
+# A cut placed on a frame's own score must leave that frame below it after the
+# single-precision bias and logistic function: keep this much clear.
+CUT_MARGIN = 1e-3
+
+
 def calibrate(raw, labels):
     """Per-class logit cuts (index = class id) and the best F1 of each class."""
     cuts = np.zeros(12)
@@ -93,9 +98,10 @@ def calibrate(raw, labels):
     motion = labels[:, OTHERBLUR] == 1
     if motion.any():
         for c in (BLUR, MILDBLUR):
-            cuts[c] = max(cuts[c], np.quantile(raw[motion, c], 1 - MOTION_AS_BLUR_LIMIT / 2))
+            cuts[c] = max(cuts[c], np.quantile(raw[motion, c], 1 - MOTION_AS_BLUR_LIMIT / 2)
+                          + CUT_MARGIN)
         cuts[OTHERBLUR] = min(cuts[OTHERBLUR], np.quantile(raw[motion, OTHERBLUR],
-                                                           1 - MOTION_RECALL))
+                                                           1 - MOTION_RECALL) - CUT_MARGIN)
     clean = labels[:, 1:].sum(1) == 0
     if not clean.any():
         return cuts, f1s
@@ -104,7 +110,7 @@ def calibrate(raw, labels):
     def raised(q):
         out = cuts.copy()
         for c in reportable:
-            out[c] = max(out[c], np.quantile(raw[clean, c], 1 - q))
+            out[c] = max(out[c], np.quantile(raw[clean, c], 1 - q) + CUT_MARGIN)
         return out
 
     def clean_rate(cut):
