@@ -125,6 +125,16 @@ def calibrate(raw, labels):
     return raised(lo), f1s
 
 
+def cut_shift(cuts):
+    """Per-output logit shift that moves each class's cut onto its threshold (OtherBlur's
+    onto the blur rule's limit)."""
+    shift = np.zeros(len(cuts), np.float32)
+    for c in range(1, 12):
+        target = OTHERBLUR_LIMIT if c == OTHERBLUR else THRESHOLDS[c]
+        shift[c] = logit(target) - cuts[c]
+    return shift
+
+
 def metrics(decisions, labels):
     out = {}
     for c in range(1, 12):
@@ -218,13 +228,11 @@ def main():
                               for i in range(0, len(xv), 256)])
 
     # Per-class bias: the calibrated cut onto the built-in threshold.
-    bias = np.zeros(M.NUM_OUTPUTS, np.float32)
     calib = {}
     cuts, f1s = calibrate(raw, yv)
+    bias = cut_shift(cuts)
     for c in range(1, 12):
         cut, f1 = cuts[c], f1s[c]
-        target = OTHERBLUR_LIMIT if c == OTHERBLUR else THRESHOLDS[c]
-        bias[c] = logit(target) - cut
         calib[CLASSES[c - 1]] = {"cut_logit": round(float(cut), 4), "bias": round(float(bias[c]), 4),
                                  "best_f1": round(f1, 4)}
     with torch.no_grad():
