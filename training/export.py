@@ -104,7 +104,7 @@ def calibrate(raw, labels):
                                                            1 - MOTION_RECALL) - CUT_MARGIN)
     clean = labels[:, 1:].sum(1) == 0
     if not clean.any():
-        return cuts, f1s
+        return clear_of_scores(raw, cuts), f1s
     reportable = range(1, 11)
 
     def raised(q):
@@ -116,13 +116,25 @@ def calibrate(raw, labels):
     def clean_rate(cut):
         return float(np.mean(np.any([raw[clean, c] > cut[c] for c in reportable], axis=0)))
 
-    if clean_rate(cuts) <= CLEAN_REPORT_LIMIT:
-        return cuts, f1s
-    lo, hi = 0.0, CLEAN_REPORT_LIMIT  # per-class clean quantile: bisect the largest that fits
-    for _ in range(30):
-        mid = (lo + hi) / 2
-        lo, hi = (mid, hi) if clean_rate(raised(mid)) <= CLEAN_REPORT_LIMIT else (lo, mid)
-    return raised(lo), f1s
+    if clean_rate(cuts) > CLEAN_REPORT_LIMIT:
+        lo, hi = 0.0, CLEAN_REPORT_LIMIT  # per-class clean quantile: bisect the largest that fits
+        for _ in range(30):
+            mid = (lo + hi) / 2
+            lo, hi = (mid, hi) if clean_rate(raised(mid)) <= CLEAN_REPORT_LIMIT else (lo, mid)
+        cuts = raised(lo)
+    return clear_of_scores(raw, cuts), f1s
+
+
+def clear_of_scores(raw, cuts):
+    """Moves each cut just above any score lying within CUT_MARGIN of it: such a frame
+    would be decided by rounding, not by the cut."""
+    out = cuts.copy()
+    for c in range(1, 12):
+        near = raw[:, c][np.abs(raw[:, c] - out[c]) < CUT_MARGIN]
+        while near.size:
+            out[c] = float(near.max()) + 1.5 * CUT_MARGIN
+            near = raw[:, c][np.abs(raw[:, c] - out[c]) < CUT_MARGIN]
+    return out
 
 
 def cut_shift(cuts):
