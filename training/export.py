@@ -2,10 +2,14 @@
 exports it to ONNX and checks it with OpenCV's dnn reader.
 
 Calibration: for every class the validation set gives the decision point
-with the best F1; a per-class bias added to the output logit moves that
-point onto the class's built-in threshold, so the detector's unchanged
-rule "probability strictly above threshold" reports at the best F1 point.
-The bias is folded into the last layer, so the model stays a plain CNN.
+with the best F1; the cuts are then raised, all by the same clean-frame
+quantile, until at most 5% of the clean validation frames would report
+anything, and Blur's and MildBlur's until motion-blurred frames rarely
+report them; OtherBlur's is lowered until most motion-blurred frames pass the
+blur rule's limit. A per-class bias added to the output logit moves each cut
+onto the class's built-in threshold, so the detector's unchanged rule
+"probability strictly above threshold" reports there. The bias is folded into
+the last layer, so the model stays a plain CNN.
 """
 import argparse
 import json
@@ -37,6 +41,10 @@ OTHERBLUR = 11
 # through the blur rule's limit, so that is where its best point is placed.
 OTHERBLUR_LIMIT = 0.6
 MIN_PROBABILITY = np.float32(0.01)
+CLEAN_REPORT_LIMIT = 0.05  # share of clean frames allowed to report anything
+MOTION_AS_BLUR_LIMIT = 0.1  # share of motion-blurred frames reported as Blur or MildBlur
+MOTION_RECALL = 0.85  # share of motion-blurred frames with OtherBlur above 0.6
+BLUR, MILDBLUR = 6, 10
 
 
 def logit(p):
@@ -74,6 +82,69 @@ def best_cut(scores, labels):
     k = int(np.argmax(f1))  # report the first k+1 scores
     below = s[k + 1] if k + 1 < len(s) else s[k] - 1.0
     return 0.5 * (s[k] + below), float(f1[k])
+
+
+# A cut placed on a frame's own score must leave that frame below it after the
+# single-precision bias and logistic function: keep this much clear.
+CUT_MARGIN = 1e-3
+
+
+def calibrate(raw, labels):
+    """Per-class logit cuts (index = class id) and the best F1 of each class."""
+    cuts = np.zeros(12)
+    f1s = {}
+    for c in range(1, 12):
+        cuts[c], f1s[c] = best_cut(raw[:, c], labels[:, c])
+    motion = labels[:, OTHERBLUR] == 1
+    if motion.any():
+        for c in (BLUR, MILDBLUR):
+            cuts[c] = max(cuts[c], np.quantile(raw[motion, c], 1 - MOTION_AS_BLUR_LIMIT / 2)
+                          + CUT_MARGIN)
+        cuts[OTHERBLUR] = min(cuts[OTHERBLUR], np.quantile(raw[motion, OTHERBLUR],
+                                                           1 - MOTION_RECALL) - CUT_MARGIN)
+    clean = labels[:, 1:].sum(1) == 0
+    if not clean.any():
+        return clear_of_scores(raw, cuts), f1s
+    reportable = range(1, 11)
+
+    def raised(q):
+        out = cuts.copy()
+        for c in reportable:
+            out[c] = max(out[c], np.quantile(raw[clean, c], 1 - q) + CUT_MARGIN)
+        return out
+
+    def clean_rate(cut):
+        return float(np.mean(np.any([raw[clean, c] > cut[c] for c in reportable], axis=0)))
+
+    if clean_rate(cuts) > CLEAN_REPORT_LIMIT:
+        lo, hi = 0.0, CLEAN_REPORT_LIMIT  # per-class clean quantile: bisect the largest that fits
+        for _ in range(30):
+            mid = (lo + hi) / 2
+            lo, hi = (mid, hi) if clean_rate(raised(mid)) <= CLEAN_REPORT_LIMIT else (lo, mid)
+        cuts = raised(lo)
+    return clear_of_scores(raw, cuts), f1s
+
+
+def clear_of_scores(raw, cuts):
+    """Moves each cut just above any score lying within CUT_MARGIN of it: such a frame
+    would be decided by rounding, not by the cut."""
+    out = cuts.copy()
+    for c in range(1, 12):
+        near = raw[:, c][np.abs(raw[:, c] - out[c]) < CUT_MARGIN]
+        while near.size:
+            out[c] = float(near.max()) + 1.5 * CUT_MARGIN
+            near = raw[:, c][np.abs(raw[:, c] - out[c]) < CUT_MARGIN]
+    return out
+
+
+def cut_shift(cuts):
+    """Per-output logit shift that moves each class's cut onto its threshold (OtherBlur's
+    onto the blur rule's limit)."""
+    shift = np.zeros(len(cuts), np.float32)
+    for c in range(1, 12):
+        target = OTHERBLUR_LIMIT if c == OTHERBLUR else THRESHOLDS[c]
+        shift[c] = logit(target) - cuts[c]
+    return shift
 
 
 def metrics(decisions, labels):
@@ -168,13 +239,12 @@ def main():
                                   .float() - 128.0).numpy()
                               for i in range(0, len(xv), 256)])
 
-    # Per-class bias: best-F1 cut onto the built-in threshold.
-    bias = np.zeros(M.NUM_OUTPUTS, np.float32)
+    # Per-class bias: the calibrated cut onto the built-in threshold.
     calib = {}
+    cuts, f1s = calibrate(raw, yv)
+    bias = cut_shift(cuts)
     for c in range(1, 12):
-        cut, f1 = best_cut(raw[:, c], yv[:, c])
-        target = OTHERBLUR_LIMIT if c == OTHERBLUR else THRESHOLDS[c]
-        bias[c] = logit(target) - cut
+        cut, f1 = cuts[c], f1s[c]
         calib[CLASSES[c - 1]] = {"cut_logit": round(float(cut), 4), "bias": round(float(bias[c]), 4),
                                  "best_f1": round(f1, 4)}
     with torch.no_grad():

@@ -318,7 +318,7 @@ def apply_shadow(fr, rng):
     for _ in range(6):
         mask = _shadow_mask(rng, fr.h, fr.w)
         area = float(np.mean(mask[::8, ::8] > 0.5))
-        if 0.1 <= area <= 0.65:
+        if SHADOW_AREA[0] <= area <= SHADOW_AREA[1]:
             break
     else:
         return False
@@ -399,13 +399,16 @@ def apply_flare(fr, rng):
     return float(np.mean(np.abs(fr.view() - base_view))) >= 10.0
 
 
+def half_grid(fr):
+    """Size and coordinates of a half-size grid: moire bands are at least a few
+    network pixels wide, so patterns are computed there and interpolated up."""
+    h, w = fr.h // 2, fr.w // 2
+    return h, w, np.arange(w, dtype=np.float32)[None, :], np.arange(h, dtype=np.float32)[:, None]
+
+
 def apply_moire(fr, rng):
     base_view = fr.view()
-    # The bands are at least a few network pixels wide, so the pattern is
-    # computed on a half-size grid and interpolated up.
-    h, w = fr.h // 2, fr.w // 2
-    x = np.arange(w, dtype=np.float32)[None, :]
-    y = np.arange(h, dtype=np.float32)[:, None]
+    h, w, x, y = half_grid(fr)
     diag = math.hypot(w, h)
     layers = 1 if rng.random() < 0.6 else 2
     total = np.zeros((h, w, 3), np.float32)
@@ -438,8 +441,20 @@ def _defocus(fr, rng, kernel, radius):
 
 # Defocus radii in network pixels: a gap between slight and strong defocus
 # keeps the two classes apart; frames of clean captures stay below 0.35.
+# At 224 these are 0.54-0.89 % and 1.3-4 % of the long side.
 MILD_RADIUS = (1.2, 2.0)
 STRONG_RADIUS = (3.0, 9.0)
+# Motion smear: 2-5 % of the long side at 224.
+MOTION_LENGTH = (4.5, 11.2)
+# Shadows cover at least about 15 % of the frame.
+SHADOW_AREA = (0.15, 0.65)
+# Underexposure: mean brightness below about 45 of 255.
+LOW_LIGHT_MEAN = 45.0
+
+
+def low_light_visible(fr, base_y):
+    y = float(np.mean(luma(fr.view())))
+    return y <= LOW_LIGHT_MEAN and y <= 0.55 * base_y
 
 
 def apply_blur(fr, rng):
@@ -462,7 +477,7 @@ def apply_donut_blur(fr, rng):
 
 
 def apply_motion(fr, rng):
-    length = rng.uniform(3.5, 12.0) * fr.scale
+    length = rng.uniform(*MOTION_LENGTH) * fr.scale
     k = path_kernel(rng, length)
     base = edge_strength(luma(fr.view()))
     fr.lin = convolve_large(fr.lin, k, length / 2)
@@ -488,8 +503,7 @@ def apply_low_light(fr, rng):
     field *= sd
     field += dark
     fr.lin = np.maximum(field, 0.0)
-    y = float(np.mean(luma(fr.view())))
-    return y <= 58.0 and y <= 0.55 * base_y
+    return low_light_visible(fr, base_y)
 
 
 def apply_ldr(img, rng):
@@ -516,8 +530,10 @@ def ldr_visible(before, after, net_size):
     a = quick_view(after, net_size)
     b = quick_view(before, net_size)
     clipped = clipped_fraction(a)
-    # Clean frames may hold up to 15% of clipped pixels: stay well above.
-    return clipped >= 0.25 and clipped - clipped_fraction(b) >= 0.12 and \
+    # About a fifth of the frame newly clipped, at an ordinary mean brightness
+    # (a dark frame is LowLight's).
+    return clipped >= 0.25 and clipped - clipped_fraction(b) >= 0.18 and \
+        40.0 <= float(np.mean(a)) <= 215.0 and \
         float(np.mean(np.abs(a - b))) >= 12.0
 
 

@@ -43,6 +43,23 @@ def best_f1(scores, labels):
     return float(f1.max()) if pos else float("nan")
 
 
+def swap_in_fresh(folder, used, xt, yt, slots, replaced):
+    """Replaces cached frames by every complete fresh shard not used yet (oldest
+    first, cycling); returns the running count of replaced frames."""
+    if not os.path.isdir(folder):
+        return replaced
+    for name in sorted(os.listdir(folder)):
+        if not (name.startswith("fresh_") and name.endswith("_x.npy")) or name in used:
+            continue
+        x = np.load(os.path.join(folder, name))
+        y = np.load(os.path.join(folder, name[:-6] + "_y.npy")).astype(np.float32)
+        idx = slots[(replaced + np.arange(len(x))) % len(slots)]
+        xt[idx], yt[idx] = x, y
+        replaced += len(x)
+        used.add(name)
+    return replaced
+
+
 def main():
     p = argparse.ArgumentParser()
     p.add_argument("--data", default=os.path.join(HERE, "data", "cache"))
@@ -52,6 +69,7 @@ def main():
     p.add_argument("--lr", type=float, default=2e-3)
     p.add_argument("--seed", type=int, default=20240611)
     p.add_argument("--threads", type=int, default=2)
+    p.add_argument("--fresh", help="folder where build_dataset.py --stream writes new frames")
     a = p.parse_args()
     torch.set_num_threads(a.threads)
     torch.manual_seed(a.seed)
@@ -75,7 +93,11 @@ def main():
     loss_fn = nn.BCEWithLogitsLoss()
     history = []
     t0 = time.time()
+    slots = rng.permutation(n)  # frames replaced by fresh ones, in this order
+    used, replaced = set(), 0
     for epoch in range(a.epochs):
+        if a.fresh:
+            replaced = swap_in_fresh(a.fresh, used, xt, yt, slots, replaced)
         net.train()
         order = rng.permutation(n)
         total = 0.0
@@ -95,7 +117,7 @@ def main():
             total += float(loss)
         logits = predict(net, xv)
         f1 = [best_f1(logits[:, c], yv[:, c]) for c in range(1, M.NUM_OUTPUTS)]
-        rec = {"epoch": epoch + 1, "loss": total / (n // a.batch),
+        rec = {"epoch": epoch + 1, "loss": total / (n // a.batch), "fresh_frames": replaced,
                "val_best_f1": [round(v, 4) for v in f1],
                "val_mean_best_f1": round(float(np.nanmean(f1)), 4),
                "seconds": round(time.time() - t0)}

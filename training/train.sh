@@ -5,7 +5,8 @@
 # models/artifact_detector/. Log and intermediate files go to training/runs/.
 #
 # Knobs for shorter trial runs (defaults reproduce the shipped model):
-#   TRAIN_SAMPLES, VAL_SAMPLES, EPOCHS, RUN (run directory), NO_INSTALL=1
+#   TRAIN_SAMPLES, VAL_SAMPLES, EPOCHS, RUN (run directory), NO_INSTALL=1,
+#   FRESH=0 (no fresh frames synthesised beside training)
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -29,7 +30,22 @@ stage "fetch wallpapers"
 stage "synthesise $train_samples training and $val_samples validation frames"
 "$py" build_dataset.py --train "$train_samples" --val "$val_samples" --out data/cache
 stage "train $epochs epochs"
-"$py" train.py --data data/cache --out "$run" --epochs "$epochs"
+fresh=()
+streamer=""
+if [ "${FRESH:-1}" = 1 ]; then
+  # New artifacts while the network trains; swapped in at each epoch's start.
+  rm -rf "$run/fresh"
+  nice -n 19 "$py" build_dataset.py --stream "$run/fresh" --shard "${FRESH_SHARD:-500}" \
+    > "$run/stream.log" 2>&1 &
+  streamer=$!
+  fresh=(--fresh "$run/fresh")
+fi
+"$py" train.py --data data/cache --out "$run" --epochs "$epochs" "${fresh[@]}"
+if [ -n "$streamer" ]; then
+  kill "$streamer" 2>/dev/null || true
+  wait "$streamer" 2>/dev/null || true
+  rm -rf "$run/fresh"
+fi
 stage "calibrate, export and check with OpenCV dnn"
 install=(--install)
 [ "${NO_INSTALL:-0}" = 1 ] && install=()
