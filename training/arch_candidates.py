@@ -4,9 +4,9 @@ All take what the detector hands the network (1x3xHxW float, BGR pixel values
 minus 128) once exported, and give the same twelve logits.
 
 - "dwsep": a larger CNN of depthwise-separable blocks, trained from scratch.
-- "mnv2-s8", "mnv2-s16": the first blocks of the ImageNet-initialised
-  MobileNetV2 (backbone_mnv2.py) up to output stride 8 or 16, with a small
-  head. They see RGB in [0, 1] while training; `prepare_export` folds the
+- "mnv2-s4", "mnv2-s8", "mnv2-s16": the first blocks of the
+  ImageNet-initialised MobileNetV2 (backbone_mnv2.py) up to output stride 4,
+  8 or 16, with a small head. They see RGB in [0, 1] while training; `prepare_export` folds the
   detector's input into the stem.
 """
 import torch
@@ -60,8 +60,11 @@ class DWSepNet(nn.Module):
         return self.pool(self.features(x * (1.0 / 64.0)))
 
 
-# Inverted residual blocks of MobileNetV2 kept (stem excluded) per output stride.
-TRUNK_BLOCKS = {"mnv2-s8": 6, "mnv2-s16": 13}
+# Inverted residual blocks of MobileNetV2 kept (stem excluded) per output stride,
+# and the depthwise-separable blocks trained from scratch after them: the
+# stride-4 trunk leaves the expensive 28x28 blocks to cheaper layers.
+TRUNK_BLOCKS = {"mnv2-s4": (3, [(64, 2), (128, 2), (256, 2)]),
+                "mnv2-s8": (6, []), "mnv2-s16": (13, [])}
 
 
 class TrunkNet(nn.Module):
@@ -72,10 +75,14 @@ class TrunkNet(nn.Module):
     # opset 10, not with the inputs that opset 11 gives it.
     onnx_opset = 10
 
-    def __init__(self, blocks, pretrained=True):
+    def __init__(self, blocks, tail=(), pretrained=True):
         super().__init__()
         self.trunk = B.pretrained_trunk(blocks) if pretrained else B.MobileNetV2Trunk(blocks)
-        self.mix = B.conv_bn(self.trunk.out_channels, 256, 1)
+        layers, c = [], self.trunk.out_channels
+        for cout, stride in tail:
+            layers += conv_bn_relu(c, c, 3, stride, groups=c) + conv_bn_relu(c, cout, 1)
+            c = cout
+        self.mix = nn.Sequential(*layers, B.conv_bn(c, 256, 1))
         self.pool = PooledHead(256)
         self.head = self.pool.head
         self.folded = False
@@ -94,5 +101,5 @@ def build(arch):
     if arch == "dwsep":
         return DWSepNet()
     if arch in TRUNK_BLOCKS:
-        return TrunkNet(TRUNK_BLOCKS[arch])
+        return TrunkNet(*TRUNK_BLOCKS[arch])
     raise ValueError("unknown architecture %r" % arch)
