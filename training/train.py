@@ -53,7 +53,7 @@ def main():
     p.add_argument("--seed", type=int, default=20240611)
     p.add_argument("--threads", type=int, default=2)
     p.add_argument("--arch", default=os.environ.get("ARCH", "cnn"),
-                   help="cnn (today's), dwsep, mnv2-s8 or mnv2-s16")
+                   help="cnn (today's), dwsep, mnv2-s4, mnv2-s8 or mnv2-s16")
     a = p.parse_args()
     torch.set_num_threads(a.threads)
     torch.manual_seed(a.seed)
