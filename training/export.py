@@ -209,7 +209,8 @@ def main():
     m["OtherBlur_at_0.6"] = {"precision": round(tp / max(tp + fp, 1), 4),
                              "recall": round(tp / max(tp + fn, 1), 4),
                              "f1": round(2 * tp / max(2 * tp + fp + fn, 1), 4)}
-    report = {"input": [1, 3, size, size], "onnx_bytes": nbytes, "opset": getattr(net, "onnx_opset", OPSET),
+    report = {"input": [1, 3, size, size], "onnx_bytes": nbytes,
+              "opset": getattr(net, "onnx_opset", OPSET),
               "torch_vs_dnn_max_abs_diff": max_diff, "decision_disagreements": disagree,
               "dnn_forward_ms": round(dnn_ms, 2), "calibration": calib, "metrics": m}
     with open(os.path.join(a.run, "metrics.json"), "w") as f:
