@@ -31,7 +31,7 @@ REPO = os.path.dirname(HERE)
 MODEL_DIR = os.path.join(REPO, "models", "artifact_detector")
 ONNX_NAME = "artifact_detector.onnx"
 OPSET = 11  # read by OpenCV 4.6's dnn module
-MAX_BYTES = 2 * 1024 * 1024
+MAX_BYTES = 8 * 1024 * 1024
 
 # The detector's built-in thresholds, by class id.
 THRESHOLDS = {1: 0.74, 2: 0.64, 3: 0.73, 4: 0.73, 5: 0.69, 6: 0.52, 7: 0.48,
@@ -169,7 +169,8 @@ def metrics(decisions, labels):
 def export_onnx(net, size, path):
     net.eval()
     dummy = torch.zeros(1, 3, size, size)
-    torch.onnx.export(net, dummy, path, opset_version=OPSET, input_names=["input"],
+    opset = getattr(net, "onnx_opset", OPSET)  # a network may need another
+    torch.onnx.export(net, dummy, path, opset_version=opset, input_names=["input"],
                       output_names=["Identity"], do_constant_folding=True)
     inline_constant_identities(path)
 
@@ -223,6 +224,8 @@ def main():
     p = argparse.ArgumentParser()
     p.add_argument("--data", default=os.path.join(HERE, "data", "cache"))
     p.add_argument("--run", required=True, help="training run directory")
+    p.add_argument("--arch", default=os.environ.get("ARCH", "cnn"),
+                   help="the architecture the run was trained with")
     p.add_argument("--install", action="store_true",
                    help="copy the model into models/artifact_detector/")
     a = p.parse_args()
@@ -231,7 +234,7 @@ def main():
     yv = np.load(os.path.join(a.data, "val_y.npy"))
     size = xv.shape[1]
 
-    net = M.ArtifactNet()
+    net = M.build(a.arch)
     net.load_state_dict(torch.load(os.path.join(a.run, "model.pt")))
     net.eval()
     with torch.no_grad():
@@ -249,6 +252,8 @@ def main():
                                  "best_f1": round(f1, 4)}
     with torch.no_grad():
         net.head.bias += torch.from_numpy(bias)
+    if hasattr(net, "prepare_export"):  # folds the detector's input into the graph
+        net.prepare_export()
 
     onnx_path = os.path.join(a.run, ONNX_NAME)
     export_onnx(net, size, onnx_path)
@@ -274,7 +279,8 @@ def main():
     m["OtherBlur_at_0.6"] = {"precision": round(tp / max(tp + fp, 1), 4),
                              "recall": round(tp / max(tp + fn, 1), 4),
                              "f1": round(2 * tp / max(2 * tp + fp + fn, 1), 4)}
-    report = {"input": [1, 3, size, size], "onnx_bytes": nbytes, "opset": OPSET,
+    report = {"input": [1, 3, size, size], "onnx_bytes": nbytes,
+              "opset": getattr(net, "onnx_opset", OPSET),
               "torch_vs_dnn_max_abs_diff": max_diff, "decision_disagreements": disagree,
               "dnn_forward_ms": round(dnn_ms, 2), "calibration": calib, "metrics": m}
     with open(os.path.join(a.run, "metrics.json"), "w") as f:

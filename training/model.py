@@ -38,3 +38,12 @@ class ArtifactNet(nn.Module):
         f = self.features(x * (1.0 / 64.0))
         pooled = torch.cat([torch.flatten(self.avg(f), 1), torch.flatten(self.max(f), 1)], 1)
         return self.head(self.dropout(pooled))
+
+
+def build(arch="cnn"):
+    """The classifier by architecture name; the candidates beside today's
+    CNN live in arch_candidates.py."""
+    if arch == "cnn":
+        return ArtifactNet()
+    import arch_candidates
+    return arch_candidates.build(arch)
