@@ -18,7 +18,7 @@
 namespace artifact_detector {
 namespace {
 
-constexpr const char* kVersion = "v1.18.3";
+constexpr const char* kVersion = "v" ARTIFACT_DETECTOR_VERSION_STRING;
 
 // Class id n is the name at position n - 1; ids come from the network's output order.
 const char* const kArtifactNames[] = {"Reflection", "Shadow",   "Flare", "Moire",
@@ -76,6 +76,22 @@ int32_t precision_code(const std::string& precision) {
 }
 
 }  // namespace
+
+const char* artifact_class_name(int id) {
+  return id >= 1 && id <= kArtifactCount ? kArtifactNames[id - 1] : "";
+}
+
+std::map<int, float> built_in_thresholds() {
+  return std::map<int, float>(std::begin(kDefaultThresholds), std::end(kDefaultThresholds));
+}
+
+cv::Size ArtifactDetectorImpl::input_size() {
+  std::lock_guard<std::mutex> lock(init_mutex);
+  int height = 0;
+  int width = 0;
+  if (is_initialized && nnet) nnet->get_target_dimen(height, width);
+  return cv::Size(width, height);
+}
 
 std::vector<float> sigmoid(const std::vector<float>& v) {
   std::vector<float> out(v.size());
@@ -146,6 +162,7 @@ bool ArtifactDetectorImpl::initialize(Mode, char* models_path) {
 bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int image_rotation,
                                    ImageFormat image_format, char*) {
   std::lock_guard<std::mutex> lock(execute_mutex);
+  last_run = RunOutcome::kNotInitialised;
   if (!is_initialized) {
     AD_LOG_INFO << "TQ:Debug artifact_detector execute failed because init was unsuccessful";
     return false;
@@ -198,6 +215,7 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
 
 bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
   std::lock_guard<std::mutex> lock(execute_mutex);
+  last_run = RunOutcome::kNotInitialised;
   if (!is_initialized || image.data == nullptr || image.dims == 0 || image.total() == 0) {
     AD_LOG_INFO << "TQ:Debug artifact_detector execute failed because init was unsuccessful";
     return false;
@@ -213,6 +231,7 @@ bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
 
 bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int target_width,
                                         bool log_copy_details, bool resized) {
+  last_run = RunOutcome::kFailed;
   // A session that never opened has no input size; it could not run anyway, and resizing
   // to nothing would throw out of the caller's frame callback.
   if (target_width <= 0 || target_height <= 0) {
@@ -246,6 +265,7 @@ bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int ta
 
   if (checkSimilarColor(image)) {
     AD_LOG_INFO << "returning from same color image detection";
+    last_run = RunOutcome::kUniform;
     return false;
   }
 
@@ -273,6 +293,7 @@ bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int ta
 
   getArtifactIno(values);
   result_artifacts = post_process_blur_info();
+  last_run = RunOutcome::kAnalysed;
   return true;
 }
 
@@ -294,6 +315,7 @@ void ArtifactDetectorImpl::getArtifactIno(std::vector<float>& output) {
     logits[i] = output[i + 1];
   }
   const std::vector<float> probs = sigmoid(logits);
+  std::copy(probs.begin(), probs.end(), last_probabilities.begin());
 
   AD_LOGV("Output result_artifacts size : [%d]", static_cast<int>(probs.size()));
   for (int i = 0; i < kArtifactCount; ++i) {

@@ -1,6 +1,7 @@
 // The engine behind artifact_detector::ArtifactDetector.
 #pragma once
 
+#include <array>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -10,6 +11,7 @@
 #include <opencv2/core.hpp>
 
 #include "artifact_detector.h"
+#include "detector.h"
 
 class NNet;
 
@@ -21,6 +23,12 @@ enum Precision : int32_t { FLOAT32 = 0, FLOAT16 = 1, QASYMM16 = 2, QASYMM8 = 3 }
 
 // 1 / (1 + e^-x) per element: e^-x in single precision, the rest in double.
 std::vector<float> sigmoid(const std::vector<float>& v);
+
+// The name of class `id` (1 .. 11) in static storage; "" for any other id.
+const char* artifact_class_name(int id);
+
+// The built-in acceptance thresholds by class id.
+std::map<int, float> built_in_thresholds();
 
 // Drops Blur and MildBlur when OtherBlur is confidently present; the rest keeps its order.
 std::vector<ArtifactInfo> post_process_blur_info(const std::vector<ArtifactInfo>& infos);
@@ -45,6 +53,14 @@ class ArtifactDetectorImpl {
 
   int get_total_artifact_count();
   bool get_artifact_info(Artifact_Info* out);
+
+  // How the last run ended, for callers that need more than execute's true or false.
+  enum class RunOutcome { kNone, kNotInitialised, kAnalysed, kUniform, kFailed };
+  RunOutcome last_outcome() const { return last_run; }
+  // Every class's probability from the last analysed run, class id n at index n - 1.
+  const std::array<float, kClassCount>& probabilities() const { return last_probabilities; }
+  // The network's input size (columns x rows); 0 x 0 before a successful initialize.
+  cv::Size input_size();
 
   // Scoring steps of a run, reachable for tests.
   void set_artifact_thresholds();
@@ -73,6 +89,8 @@ class ArtifactDetectorImpl {
   std::vector<std::string> artifact_names;
   std::map<int, float> artifact_thresholds;
   bool mild_blur_found = false;
+  RunOutcome last_run = RunOutcome::kNone;
+  std::array<float, kClassCount> last_probabilities{};
 };
 
 }  // namespace artifact_detector

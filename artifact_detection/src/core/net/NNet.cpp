@@ -234,6 +234,8 @@ void* NNet::get_layer_output_with_format(const char* layer_name, int& d0, int& d
 
 bool NNet::forward_pass(cv::Mat image) {
   if (!is_open) return false;
+  // A quiet detector keeps standard output to its caller.
+  const bool quiet = artifact_detector::current_log_policy().quiet;
   if (image.data == nullptr || image.empty()) {
     AD_LOG_INFO_AT(182) << "TQ Debug: Image for forward-pass cannot be empty";
     return false;
@@ -259,13 +261,13 @@ bool NNet::forward_pass(cv::Mat image) {
     cv::resize(image, resized, cv::Size(width, height), 0, 0, cv::INTER_LINEAR);
     std::vector<uchar> jpeg;
     if (!cv::imencode(".jpg", resized, jpeg, {cv::IMWRITE_JPEG_QUALITY, kResizedJpegQuality})) {
-      std::cerr << "Error: Failed to compress image." << std::endl;
+      if (!quiet) std::cerr << "Error: Failed to compress image." << std::endl;
       return true;
     }
-    std::cout << "Compressed buffer size: " << jpeg.size() << " bytes" << std::endl;
+    if (!quiet) std::cout << "Compressed buffer size: " << jpeg.size() << " bytes" << std::endl;
     image = cv::imdecode(jpeg, cv::IMREAD_COLOR);
     if (image.empty()) {
-      std::cerr << "Error: Failed to decode buffer." << std::endl;
+      if (!quiet) std::cerr << "Error: Failed to decode buffer." << std::endl;
       return true;
     }
   }
@@ -289,7 +291,7 @@ bool NNet::forward_pass(cv::Mat image) {
                       << "[" << mean[0] << ", " << mean[1] << ", " << mean[2] << ", " << mean[3]
                       << "]";
   // Smaller images have no sample pixel; reading it would run past the buffer.
-  if (image.rows > kSamplePixel && image.cols > kSamplePixel) {
+  if (!quiet && image.rows > kSamplePixel && image.cols > kSamplePixel) {
     const cv::Vec3b pixel = image.at<cv::Vec3b>(kSamplePixel, kSamplePixel);
     std::cout << "Pixel at (10,10): "
               << "[" << static_cast<int>(pixel[0]) << ", " << static_cast<int>(pixel[1]) << ", "

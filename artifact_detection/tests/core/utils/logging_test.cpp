@@ -1,5 +1,6 @@
 #include "core/utils/logging.h"
 
+#include <android/log.h>
 #include <gtest/gtest.h>
 
 #include <ctime>
