@@ -114,6 +114,7 @@ int main(int argc, char** argv) {
   const auto start = std::chrono::steady_clock::now();
 
   ad_bench::register_convert_benchmarks();
+  ad_bench::register_repack_benchmarks();
   ad_bench::register_execute_benchmarks(model);
   ad_bench::CollectingReporter reporter(isatty(STDOUT_FILENO)
                                             ? benchmark::ConsoleReporter::OO_ColorTabular

@@ -15,7 +15,6 @@
 namespace ad_bench {
 namespace {
 
-constexpr int kRepetitions = 7;
 constexpr int kBgrBytes = 3;
 
 struct Nv21Input {
@@ -147,15 +146,6 @@ void opencv_shrink(benchmark::State& state, cv::Size size, int threads) {
   }
   cv::setNumThreads(1);
   count_bytes(state, size);
-}
-
-template <typename F, typename... Args>
-void add(const std::string& name, F f, Args... args) {
-  benchmark::RegisterBenchmark(name.c_str(), f, args...)
-      ->Unit(benchmark::kMillisecond)
-      ->UseRealTime()
-      ->Repetitions(kRepetitions)
-      ->ReportAggregatesOnly(true);
 }
 
 }  // namespace

@@ -231,9 +231,9 @@ bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
 
 bool ArtifactDetectorImpl::run_pipeline(cv::Mat image, int target_height, int target_width,
                                         bool log_copy_details, bool resized) {
-  last_run = RunOutcome::kFailed;
   // A session that never opened has no input size; it could not run anyway, and resizing
   // to nothing would throw out of the caller's frame callback.
+  last_run = RunOutcome::kFailed;
   if (target_width <= 0 || target_height <= 0) {
     AD_LOG_INFO << "TQ Debug: artifact_detector Forward Pass Failed";
     return false;

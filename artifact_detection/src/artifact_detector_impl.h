@@ -1,7 +1,6 @@
 // The engine behind artifact_detector::ArtifactDetector.
 #pragma once
 
-#include <array>
 #include <map>
 #include <memory>
 #include <mutex>

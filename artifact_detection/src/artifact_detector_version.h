@@ -9,7 +9,7 @@
 #define ARTIFACT_DETECTOR_VERSION_PATCH 3
 #define ARTIFACT_DETECTOR_VERSION_STRING "1.18.3"
 /* One comparable number: major * 10000 + minor * 100 + patch. */
-#define ARTIFACT_DETECTOR_VERSION                                              \
+#define ARTIFACT_DETECTOR_VERSION                                                    \
   (ARTIFACT_DETECTOR_VERSION_MAJOR * 10000 + ARTIFACT_DETECTOR_VERSION_MINOR * 100 + \
    ARTIFACT_DETECTOR_VERSION_PATCH)
 

@@ -3,7 +3,7 @@
 //   auto detector = artifact_detector::Detector::open("/opt/ad/share/artifact_detector/models");
 //   if (!detector->ready()) { log(detector->error()); return; }
 //   Result r = detector->detect(Frame::yuv_420_888(y, y_stride, u, v, uv_stride, 2, w, h, 90));
-//   if (r.status == Status::kAnalysed) for (const Artifact& a : r.artifacts) use(a.name, a.probability);
+//   if (r.analysed()) for (const Artifact& a : r.artifacts) use(a.name, a.probability);
 //
 // Frames
 //   A Frame only describes the caller's memory; nothing is copied until detect() runs, and
@@ -33,10 +33,9 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <opencv2/core.hpp>
 #include <string>
 #include <vector>
-
-#include <opencv2/core.hpp>
 
 #include "artifact_detector_version.h"
 
@@ -156,8 +155,8 @@ struct Artifact {
 
 struct Result {
   Status status = Status::kNotReady;
-  std::string reason;                // empty when analysed
-  std::vector<Artifact> artifacts;   // accepted classes, ascending id, after the blur rule
+  std::string reason;               // empty when analysed
+  std::vector<Artifact> artifacts;  // accepted classes, ascending id, after the blur rule
   std::array<float, kClassCount> probabilities{};  // class id n at index n - 1
 
   bool analysed() const { return status == Status::kAnalysed; }

@@ -59,8 +59,7 @@ const char* ad_status_name(int32_t status) {
   return artifact_detector::status_name(static_cast<artifact_detector::Status>(status));
 }
 
-ad_error ad_detector_create(const char* models_dir, const ad_options* options,
-                            ad_detector** out) {
+ad_error ad_detector_create(const char* models_dir, const ad_options* options, ad_detector** out) {
   if (out == nullptr) return AD_ERROR_INVALID_ARGUMENT;
   *out = nullptr;
   return guarded([&] {
@@ -112,7 +111,7 @@ ad_error ad_detector_detect(ad_detector* detector, const ad_frame* frame, ad_res
     std::copy(r.probabilities.begin(), r.probabilities.end(), result->probabilities);
     for (const artifact_detector::Artifact& a : r.artifacts) {
       result->artifacts[result->artifact_count++] = {a.id, artifact_detector::class_name(a.id),
-                                                      a.probability};
+                                                     a.probability};
     }
     return AD_OK;
   });

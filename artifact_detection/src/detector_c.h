@@ -66,8 +66,8 @@ typedef struct ad_plane {
 } ad_plane;
 
 typedef struct ad_frame {
-  int32_t format;   /* AD_FORMAT_* */
-  int32_t width;    /* as stored, before rotation */
+  int32_t format; /* AD_FORMAT_* */
+  int32_t width;  /* as stored, before rotation */
   int32_t height;
   int32_t rotation; /* clockwise: 0, 90, 180, 270 */
   int32_t range;    /* AD_RANGE_* */
@@ -90,7 +90,7 @@ typedef struct ad_result {
   int32_t artifact_count;
   ad_artifact artifacts[AD_CLASS_COUNT];
   float probabilities[AD_CLASS_COUNT]; /* class id n at index n - 1 */
-  char reason[160];                     /* NUL-terminated; empty when analysed */
+  char reason[160];                    /* NUL-terminated; empty when analysed */
 } ad_result;
 
 /* "analysed", "uniform frame", ... for an AD_STATUS_* value; "" for others. */
@@ -120,8 +120,7 @@ AD_C_EXPORT ad_error ad_detector_detect(ad_detector* detector, const ad_frame* f
 /* Threshold of class `id`; *present is 0 (and *threshold 0) when the class has none. */
 AD_C_EXPORT ad_error ad_detector_get_threshold(const ad_detector* detector, int32_t id,
                                                float* threshold, int32_t* present);
-AD_C_EXPORT ad_error ad_detector_set_threshold(ad_detector* detector, int32_t id,
-                                               float threshold);
+AD_C_EXPORT ad_error ad_detector_set_threshold(ad_detector* detector, int32_t id, float threshold);
 
 #ifdef __cplusplus
 }

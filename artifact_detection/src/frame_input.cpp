@@ -70,6 +70,24 @@ bool is_tight_nv21(const Frame& f) {
          c.pixel_stride == 2 && c.v == y + int64_t(f.width) * f.height && c.u == c.v + 1;
 }
 
+// One chroma row as V,U pairs, `pairs` of them; the stride is a constant so that the loop
+// vectorises.
+template <int kPixelStride>
+void interleave(const uint8_t* v, const uint8_t* u, int32_t pairs, const RangeTables* tables,
+                uint8_t* out) {
+  if (tables == nullptr) {
+    for (int32_t k = 0; k < pairs; ++k) {
+      out[2 * k] = v[k * kPixelStride];
+      out[2 * k + 1] = u[k * kPixelStride];
+    }
+    return;
+  }
+  for (int32_t k = 0; k < pairs; ++k) {
+    out[2 * k] = tables->chroma[v[k * kPixelStride]];
+    out[2 * k + 1] = tables->chroma[u[k * kPixelStride]];
+  }
+}
+
 }  // namespace
 
 std::string frame_problem(const Frame& f) {
@@ -111,7 +129,8 @@ std::string frame_problem(const Frame& f) {
     return "chroma pixel stride " + std::to_string(c.pixel_stride) + " is not 1 or 2";
   }
   const int64_t chroma_row = int64_t(f.width / 2 - 1) * c.pixel_stride + 1;
-  if (c.row_stride < chroma_row || (f.format != PixelFormat::kYuv420888 && c.row_stride < f.width)) {
+  if (c.row_stride < chroma_row ||
+      (f.format != PixelFormat::kYuv420888 && c.row_stride < f.width)) {
     return "chroma row stride " + std::to_string(c.row_stride) + " is too small";
   }
   return "";
@@ -140,11 +159,10 @@ void repack_nv21(const Frame& f, uint8_t* nv21) {
       std::memcpy(out, v, static_cast<size_t>(f.width));  // already V,U pairs
       continue;
     }
-    for (int32_t k = 0; k < f.width / 2; ++k) {
-      const uint8_t vs = v[int64_t(k) * c.pixel_stride];
-      const uint8_t us = u[int64_t(k) * c.pixel_stride];
-      out[2 * k] = tables == nullptr ? vs : tables->chroma[vs];
-      out[2 * k + 1] = tables == nullptr ? us : tables->chroma[us];
+    if (c.pixel_stride == 1) {
+      interleave<1>(v, u, f.width / 2, tables, out);
+    } else {
+      interleave<2>(v, u, f.width / 2, tables, out);
     }
   }
 }

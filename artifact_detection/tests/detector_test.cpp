@@ -6,11 +6,11 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
-#include <set>
-#include <tuple>
-
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+#include <set>
+#include <thread>
+#include <tuple>
 
 #include "frame_input.h"
 #include "support/detector_fixtures.h"
@@ -108,8 +108,7 @@ TEST_F(DetectorRun, EveryLayoutAndRotationGivesTheFixedPathsResultsForTightNv21)
         nv21.data(), sample.w, vu + 1, vu, sample.w, 2, sample.w, sample.h, rotation));
     EXPECT_EQ(planes.probabilities, tight.probabilities);
 
-    for (const auto& [format, order, pad] :
-         std::vector<std::tuple<PixelFormat, std::string, int>>{
+    for (const auto& [format, order, pad] : std::vector<std::tuple<PixelFormat, std::string, int>>{
              {PixelFormat::kYuv420888, "vu", 32},     // Android's usual: V,U interleaved
              {PixelFormat::kYuv420888, "uv", 16},     // pixel stride 2, U first
              {PixelFormat::kYuv420888, "planar", 8},  // pixel stride 1
@@ -136,9 +135,8 @@ TEST_F(DetectorRun, PackedPixelsWithRowStrideGiveTheFixedPathsResults) {
   cv::cvtColor(bgr, rgb, cv::COLOR_BGR2RGB);
   cv::cvtColor(bgr, rgba, cv::COLOR_BGR2RGBA);
   for (int rotation : {0, 270}) {
-    ASSERT_TRUE(
-        fixed->execute(reinterpret_cast<char*>(bgr.data), bgr.cols, bgr.rows, rotation,
-                       ArtifactDetector::BGR));
+    ASSERT_TRUE(fixed->execute(reinterpret_cast<char*>(bgr.data), bgr.cols, bgr.rows, rotation,
+                               ArtifactDetector::BGR));
     const std::vector<Record> expected = reported(*fixed);
     rgb.copyTo(padded(cv::Rect(0, 0, bgr.cols, bgr.rows)));
     for (const Result& r :
@@ -230,17 +228,15 @@ TEST_F(DetectorRun, QuietModeWritesNoStandardOutputAndLogsAtTheChosenPriority) {
   const Yuv sample("coffee.jpg");
   std::vector<uint8_t> nv21 = sample.nv21();
   const Frame frame = Frame::nv21(nv21.data(), 320, 240, 0);
-  for (const auto& [quiet, priority, stdout_lines] :
-       std::vector<std::tuple<bool, int, bool>>{{false, 0, true},
-                                                {true, ANDROID_LOG_DEBUG, false},
-                                                {true, ANDROID_LOG_SILENT, false}}) {
+  for (const auto& [quiet, priority, stdout_lines] : std::vector<std::tuple<bool, int, bool>>{
+           {false, 0, true}, {true, ANDROID_LOG_DEBUG, false}, {true, ANDROID_LOG_SILENT, false}}) {
     LogCapture log;
     testing::internal::CaptureStdout();
     auto detector = Detector::open(models.path(), {quiet, priority});
     ASSERT_EQ(detector->detect(frame).status, Status::kAnalysed);
-    EXPECT_EQ(testing::internal::GetCapturedStdout().find("Pixel at (10,10): ") !=
-                  std::string::npos,
-              stdout_lines);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStdout().find("Pixel at (10,10): ") != std::string::npos,
+        stdout_lines);
     std::set<int> priorities;
     for (const LogLine& line : log.lines()) {
       if (line.tag != "TQR_ARTIFACT_DET" && line.tag != "ImageSearchJNI_ARTI_DET") continue;
@@ -251,6 +247,29 @@ TEST_F(DetectorRun, QuietModeWritesNoStandardOutputAndLogsAtTheChosenPriority) {
                                                                     : std::set<int>{priority};
     EXPECT_EQ(priorities, expected);
   }
+}
+
+TEST_F(DetectorRun, OneDetectorSharedByThreadsGivesEachCallerItsOwnFramesResult) {
+  auto detector = Detector::open(models.path());
+  const Yuv sample("astronaut.jpg");
+  std::vector<uint8_t> nv21 = sample.nv21();
+  std::vector<Result> expected;
+  for (int rotation : {0, 90, 180, 270}) {
+    expected.push_back(detector->detect(Frame::nv21(nv21.data(), sample.w, sample.h, rotation)));
+  }
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 6; ++i) {
+        const int k = (t + i) % 4;
+        const Result r = detector->detect(Frame::nv21(nv21.data(), sample.w, sample.h, k * 90));
+        if (r.probabilities != expected[k].probabilities) ++mismatches[t];
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(mismatches, std::vector<int>(4, 0));
 }
 
 TEST(FrameRepack, VideoRangeIsExpandedToFullRange) {

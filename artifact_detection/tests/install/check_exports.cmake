@@ -16,7 +16,10 @@ set(allowed
   "^get_tarnlink_lib_handle\\("
   "^get_[A-Za-z_]+_fptr[A-Za-z_]*\\("
   "^ArtifactDetectorWrapper_"
-  "^Java_tessaroven_pkd_artifactdetector_ArtifactDetector_"
+  "^Java_tessaroven_pkd_artifactdetector_(ArtifactDetector|Detector)_"
+  "^artifact_detector::Detector::"
+  "^artifact_detector::(class_name|version|status_name)\\("
+  "^(ad_detector_[a-z_]+|ad_status_name|artifact_detector_version)$"
   "^(jvm|main_obj)$")
 
 set(required
@@ -40,7 +43,13 @@ set(required
   "Java_tessaroven_pkd_artifactdetector_ArtifactDetector_getArtifactInfoJNI"
   "Java_tessaroven_pkd_artifactdetector_ArtifactDetector_releaseJNI"
   "jvm"
-  "main_obj")
+  "main_obj"
+  "artifact_detector::Detector::open("
+  "artifact_detector::Detector::detect(artifact_detector::Frame const&)"
+  "ad_detector_create"
+  "ad_detector_detect"
+  "artifact_detector_version"
+  "Java_tessaroven_pkd_artifactdetector_Detector_nativeDetectPlanes")
 if(DEFINED EXTRA_REQUIRED)
   list(APPEND required ${EXTRA_REQUIRED})
 endif()

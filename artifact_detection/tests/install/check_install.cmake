@@ -26,6 +26,10 @@ set(expected
   include/artifact_detector/core/model_interface/tarnlink_api.h
   include/artifact_detector/core/net/NNet.h
   include/artifact_detector/core/utils/image_utils.h
+  include/artifact_detector/core/utils/logging.h
+  include/artifact_detector/detector.h
+  include/artifact_detector/detector_c.h
+  include/artifact_detector/artifact_detector_version.h
   bin/artifact-detect)
 if(DEFINED EXTRA_FILES)
   list(APPEND expected ${EXTRA_FILES})
@@ -47,10 +51,13 @@ endif()
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/consumer -B ${WORK_DIR}/consumer
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/consumer)
-run(${WORK_DIR}/consumer/consumer)
-if(NOT last_output MATCHES "consumer ok")
-  message(FATAL_ERROR "consumer printed: ${last_output}")
-endif()
+set(models ${prefix}/share/artifact_detector/models)
+foreach(program consumer consumer_c)
+  run(${WORK_DIR}/consumer/${program} ${models})
+  if(NOT last_output MATCHES "consumer ok")
+    message(FATAL_ERROR "${program} printed: ${last_output}")
+  endif()
+endforeach()
 
 set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
 run(pkg-config --cflags --libs artifact_detector)
@@ -58,4 +65,24 @@ string(REGEX MATCH "-I([^ ]+) " include_flag "${last_output}")
 if(NOT EXISTS "${CMAKE_MATCH_1}/artifact_detector/artifact_detector.h")
   message(FATAL_ERROR "pkg-config include path does not hold the headers: ${last_output}")
 endif()
+separate_arguments(pc_flags UNIX_COMMAND "${last_output}")
+
+# The same consumer built with nothing but pkg-config's flags.
+run(c++ -std=c++17 ${SOURCE_DIR}/consumer/main.cpp -o ${WORK_DIR}/consumer_pc ${pc_flags}
+    -Wl,-rpath,${prefix}/lib)
+run(${WORK_DIR}/consumer_pc ${models})
+if(NOT last_output MATCHES "consumer ok")
+  message(FATAL_ERROR "pkg-config consumer printed: ${last_output}")
+endif()
+
+# Every installed header compiles on its own with the package's flags; the C ones as C too.
+file(GLOB_RECURSE headers RELATIVE ${prefix}/include ${prefix}/include/*.h)
+foreach(header IN LISTS headers)
+  file(WRITE ${WORK_DIR}/alone.cpp "#include <${header}>\n")
+  run(c++ -std=c++17 -Wall -Wextra -Werror -fsyntax-only ${WORK_DIR}/alone.cpp ${pc_flags})
+endforeach()
+foreach(header detector_c.h artifact_detector_version.h artifact_detector_wrapper.h)
+  file(WRITE ${WORK_DIR}/alone.c "#include <artifact_detector/${header}>\n")
+  run(cc -std=c11 -Wall -Wextra -Werror -fsyntax-only ${WORK_DIR}/alone.c ${pc_flags})
+endforeach()
 message(STATUS "installed tree usable")

@@ -62,7 +62,8 @@ public class ArtifactDetector implements Closeable {
     loadLibrary(libraryPath);
   }
 
-  private static synchronized void loadLibrary(String libraryPath) {
+  /** Loads the native library as described above; shared with {@link Detector}. */
+  static synchronized void loadLibrary(String libraryPath) {
     if (libraryLoaded) {
       return;
     }

@@ -1,0 +1,127 @@
+package tessaroven.pkd.artifactdetector;
+
+import java.nio.ByteBuffer;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Arrays;
+import java.util.Random;
+
+/**
+ * Detector in a real JVM over the reference inference library and a real network: direct
+ * ByteBuffer planes with padded rows and pixel stride 2 give, at every rotation, the results
+ * of the same frame as tight NV21; each status is reachable; dropped detectors are freed.
+ */
+public final class DetectorJvmTest {
+  private static final int W = 96;
+  private static final int H = 64;
+  private static final int PAD = 40;
+
+  public static void main(String[] args) throws Exception {
+    // Deleted at exit, in the reverse order of creation.
+    Path dir = Files.createTempDirectory("ad_detector_jvm").resolve("artifact_detector");
+    dir.getParent().toFile().deleteOnExit();
+    Files.createDirectories(dir).toFile().deleteOnExit();
+    String info = "{\n\"model_type\": \"cpu\",\n\"precision\": \"float32\",\n\"model_path\": \""
+        + System.getProperty("ad.test.model") + "\"\n}\n";
+    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8))
+        .toFile().deleteOnExit();
+    String models = dir.getParent().toString();
+
+    byte[] nv21 = new byte[W * H * 3 / 2];
+    new Random(7).nextBytes(nv21);
+    try (Detector detector = Detector.open(models, true, Detector.LOG_SILENT)) {
+      check(true, detector.isReady(), "ready: " + detector.error());
+      check(Arrays.asList(64, 48), Arrays.asList(detector.inputWidth(), detector.inputHeight()),
+          "input size");
+      planesEqualTightNv21(detector, nv21);
+      statuses(detector, nv21);
+      check(0.52f, detector.threshold(6), "Blur's built-in threshold");
+      detector.setThreshold(6, 0.25f);
+      check(0.25f, detector.threshold(6), "a threshold set in memory");
+    }
+    try (Detector missing = Detector.open(models + "/missing")) {
+      check(Detector.Status.NOT_READY, missing.detectNv21(nv21, W, H, 0).status, "missing folder");
+    }
+    safetyNet(models);
+    check(true, Detector.version().matches("[0-9]+\\.[0-9]+\\.[0-9]+"), "version");
+    System.out.println("DetectorJvmTest passed");
+  }
+
+  private static void planesEqualTightNv21(Detector detector, byte[] nv21) {
+    int stride = W + PAD;
+    ByteBuffer y = ByteBuffer.allocateDirect(stride * H);
+    ByteBuffer vu = ByteBuffer.allocateDirect(stride * H / 2);
+    for (int r = 0; r < H; r++) {
+      for (int c = 0; c < W; c++) {
+        y.put(r * stride + c, nv21[r * W + c]);
+        if (r < H / 2) {
+          vu.put(r * stride + c, nv21[W * H + r * W + c]);
+        }
+      }
+    }
+    ByteBuffer v = vu.duplicate();
+    vu.position(1);
+    ByteBuffer u = vu.slice();
+    int accepted = 0;
+    for (int rotation = 0; rotation < 360; rotation += 90) {
+      Detector.Result tight = detector.detectNv21(nv21, W, H, rotation);
+      Detector.Result planes = detector.detectYuv420888(y, stride, u, v, stride, 2, W, H, rotation);
+      check(Detector.Status.ANALYSED, planes.status, "planes at " + rotation + ": " + planes.reason);
+      check(Arrays.toString(tight.probabilities()), Arrays.toString(planes.probabilities()),
+          "probabilities at " + rotation);
+      check(tight.artifacts.toString(), planes.artifacts.toString(), "artifacts at " + rotation);
+      accepted += planes.artifacts.size();
+    }
+    check(true, accepted > 0, "some artifact accepted: empty lists prove nothing");
+  }
+
+  private static void statuses(Detector detector, byte[] nv21) {
+    byte[] grey = new byte[nv21.length];
+    Arrays.fill(grey, (byte) 128);
+    ByteBuffer plane = ByteBuffer.allocateDirect(W * H);
+    Object[][] cases = {
+        {detector.detectNv21(grey, W, H, 90), Detector.Status.UNIFORM_FRAME,
+            "the frame is one colour"},
+        {detector.detectNv21(nv21, W - 1, H, 0), Detector.Status.INVALID_INPUT,
+            "YUV frame size 95x64 is not even"},
+        {detector.detectNv21(nv21, 0, H, 0), Detector.Status.INVALID_INPUT,
+            "frame size 0x64 is not positive"},
+        {detector.detectYuv420888(plane, W, plane, null, W, 2, W, H, 0),
+            Detector.Status.INVALID_INPUT, "plane 2 is null"},
+    };
+    for (Object[] c : cases) {
+      Detector.Result r = (Detector.Result) c[0];
+      check(Arrays.asList(c[1], c[2], 0), Arrays.asList(r.status, r.reason, r.artifacts.size()),
+          "status");
+    }
+    try {
+      detector.detectNv21(new byte[10], W, H, 0);
+      check("IllegalArgumentException", "none", "a short array");
+    } catch (IllegalArgumentException expected) {
+      // refused before native code reads it
+    }
+  }
+
+  /** Detectors dropped without close() are freed by the reference queue, all of them. */
+  private static void safetyNet(String models) throws InterruptedException {
+    Detector.freeUnreachable();
+    int before = Detector.liveCount();
+    for (int i = 0; i < 20; i++) {
+      Detector.open(models);
+    }
+    check(before + 20, Detector.liveCount(), "dropped detectors still held");
+    for (int i = 0; i < 100 && Detector.liveCount() > before; i++) {
+      System.gc();
+      Thread.sleep(20);
+      Detector.freeUnreachable();
+    }
+    check(before, Detector.liveCount(), "dropped detectors freed");
+  }
+
+  private static void check(Object expected, Object actual, String what) {
+    if (!expected.equals(actual)) {
+      throw new AssertionError(what + ": expected <" + expected + ">, was <" + actual + ">");
+    }
+  }
+}
