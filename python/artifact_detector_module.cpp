@@ -7,7 +7,9 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <charconv>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -59,9 +61,18 @@ int class_id(const py::handle& key) {
   return id;
 }
 
+// The shortest decimal that reads back as the same float: a threshold set to 0.6 reads 0.6,
+// not 0.6000000238418579.
+double decimal(float value) {
+  char text[32];
+  const auto end = std::to_chars(text, text + sizeof text - 1, value).ptr;
+  *end = '\0';
+  return std::strtod(text, nullptr);
+}
+
 py::dict by_tag(const std::map<int, float>& by_id) {
   py::dict out;
-  for (const auto& [id, value] : by_id) out[artifact_detector::class_name(id)] = value;
+  for (const auto& [id, value] : by_id) out[artifact_detector::class_name(id)] = decimal(value);
   return out;
 }
 
@@ -155,7 +166,7 @@ class PyDetector {
 
 std::string artifact_repr(const artifact_detector::Artifact& a) {
   return "Artifact(tag='" + a.name + "', id=" + std::to_string(a.id) +
-         ", probability=" + py::repr(py::float_(a.probability)).cast<std::string>() + ")";
+         ", probability=" + py::repr(py::float_(decimal(a.probability))).cast<std::string>() + ")";
 }
 
 }  // namespace
@@ -176,7 +187,8 @@ PYBIND11_MODULE(artifact_detector, m) {
   py::class_<artifact_detector::Artifact>(m, "Artifact", "One accepted artifact.")
       .def_readonly("tag", &artifact_detector::Artifact::name)
       .def_readonly("id", &artifact_detector::Artifact::id, "class id, 1 to 11")
-      .def_readonly("probability", &artifact_detector::Artifact::probability)
+      .def_property_readonly("probability",
+                             [](const artifact_detector::Artifact& a) { return decimal(a.probability); })
       .def("__repr__", &artifact_repr);
 
   py::class_<Result>(m, "Result", "What one run found.")

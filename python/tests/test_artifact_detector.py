@@ -89,9 +89,9 @@ def test_results_and_thresholds(detector):
         detector.set_thresholds({tag: 2.0 for tag in ad.CLASS_NAMES})
         assert detector.detect_file(os.path.join(SAMPLES, "coffee_defocused.jpg")).artifacts == []
         detector.set_threshold(result.artifacts[0].id, 0.0)
-        detector.set_threshold("Noise", 0.25)
+        detector.set_threshold("Noise", 0.6)
         assert detector.thresholds[result.artifacts[0].tag] == 0.0
-        assert detector.thresholds["Noise"] == 0.25
+        assert detector.thresholds["Noise"] == 0.6
     finally:
         detector.set_thresholds(ad.Detector.default_thresholds())
     uniform = detector.detect(np.full((64, 64, 3), 90, np.uint8))
