@@ -132,19 +132,17 @@ class PyDetector {
   }
 
   Result detect_file(const fs::path& path, int rotation) {
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec)) {
+      PyErr_SetString(PyExc_FileNotFoundError, ("no such file: " + path.string()).c_str());
+      throw py::error_already_set();
+    }
     cv::Mat image;
     {
       py::gil_scoped_release unlocked;
       image = cv::imread(path.string(), cv::IMREAD_COLOR);
     }
-    if (image.empty()) {
-      std::error_code ec;
-      if (!fs::exists(path, ec)) {
-        PyErr_SetString(PyExc_FileNotFoundError, ("no such file: " + path.string()).c_str());
-        throw py::error_already_set();
-      }
-      throw py::value_error("not a readable image: " + path.string());
-    }
+    if (image.empty()) throw py::value_error("not a readable image: " + path.string());
     return run(Frame::image(image, rotation));
   }
 
