@@ -67,9 +67,12 @@ alignas(16) const uint8_t kStrided[4][16] = {
     {3, kZ, kZ, kZ, 7, kZ, kZ, kZ, 11, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
 #endif
 
-inline float32x4_t to_float(uint32x4_t small) {
-  // Every value is a byte, so the signed conversion is exact and the cheapest everywhere.
-  return vcvtq_f32_s32(vreinterpretq_s32_u32(small));
+inline float32x4_t to_float(uint32x4_t small, int32_t bias = 0) {
+  // Every value is a byte, so the signed conversion is exact and the cheapest everywhere. A
+  // bias added to the integers is exact too, and keeps the floating-point units free.
+  int32x4_t value = vreinterpretq_s32_u32(small);
+  if (bias != 0) value = vaddq_s32(value, vdupq_n_s32(bias));
+  return vcvtq_f32_s32(value);
 }
 
 #if !AD_NEON_FAST_TABLES
@@ -99,19 +102,19 @@ inline Quads in_order(uint8x16_t bytes) {
   return out;
 }
 
-inline Quads strided(uint8x16_t bytes) {
+inline Quads strided(uint8x16_t bytes, int32_t bias = 0) {
   Quads out;
 #if AD_NEON_FAST_TABLES
   for (int j = 0; j < 4; ++j) {
-    out.q[j] = to_float(vreinterpretq_u32_u8(vqtbl1q_u8(bytes, vld1q_u8(kStrided[j]))));
+    out.q[j] = to_float(vreinterpretq_u32_u8(vqtbl1q_u8(bytes, vld1q_u8(kStrided[j]))), bias);
   }
 #else
   const uint8x16_t even = vuzp1q_u8(bytes, bytes);
   const uint8x16_t odd = vuzp2q_u8(bytes, bytes);
-  out.q[0] = to_float(widen_first4(vuzp1q_u8(even, even)));
-  out.q[1] = to_float(widen_first4(vuzp2q_u8(even, even)));
-  out.q[2] = to_float(widen_first4(vuzp1q_u8(odd, odd)));
-  out.q[3] = to_float(widen_first4(vuzp2q_u8(odd, odd)));
+  out.q[0] = to_float(widen_first4(vuzp1q_u8(even, even)), bias);
+  out.q[1] = to_float(widen_first4(vuzp2q_u8(even, even)), bias);
+  out.q[2] = to_float(widen_first4(vuzp1q_u8(odd, odd)), bias);
+  out.q[3] = to_float(widen_first4(vuzp2q_u8(odd, odd)), bias);
 #endif
   return out;
 }
@@ -207,9 +210,7 @@ struct ChromaTerms {
 
 inline ChromaTerms chroma_terms(const unsigned char* vu) {
   // Strided: V of the even pairs, V of the odd pairs, U of the even pairs, U of the odd pairs.
-  Quads c = strided(vld1q_u8(vu));
-  const float32x4_t offset = vdupq_n_f32(kChromaOffset);
-  for (float32x4_t& q : c.q) q = vaddq_f32(q, offset);
+  const Quads c = strided(vld1q_u8(vu), static_cast<int32_t>(kChromaOffset));
   const float32x4_t v_to_r = vdupq_n_f32(kVToR), u_to_g = vdupq_n_f32(kUToG);
   const float32x4_t v_to_g = vdupq_n_f32(kVToG), u_to_b = vdupq_n_f32(kUToB);
   ChromaTerms t;
