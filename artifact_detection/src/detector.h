@@ -25,8 +25,8 @@
 //   another thread is inside detect() is the caller's error.
 //
 // Errors
-//   No member throws for bad input or a failed run: it answers with a status and a reason.
-//   Only memory exhaustion (std::bad_alloc) can leave open() or detect().
+//   detect() never throws: bad input and failed runs (memory exhaustion included) answer with
+//   a status and a reason. Only open() and the threshold calls can throw, std::bad_alloc.
 #pragma once
 
 #include <array>

@@ -74,6 +74,18 @@ public final class DetectorJvmTest {
       accepted += planes.artifacts.size();
     }
     check(true, accepted > 0, "some artifact accepted: empty lists prove nothing");
+
+    // RGBA rows padded by 12 bytes against the same pixels tightly packed.
+    byte[] tight = new byte[W * H * 4];
+    byte[] padded = new byte[(W * 4 + 12) * H];
+    new Random(3).nextBytes(tight);
+    for (int r = 0; r < H; r++) {
+      System.arraycopy(tight, r * W * 4, padded, r * (W * 4 + 12), W * 4);
+    }
+    Detector.Result expected = detector.detectRgba(tight, W, H, 0, 270);
+    Detector.Result strided = detector.detectRgba(padded, W, H, W * 4 + 12, 270);
+    check(Detector.Status.ANALYSED + Arrays.toString(expected.probabilities()),
+        strided.status + Arrays.toString(strided.probabilities()), "RGBA with a row stride");
   }
 
   private static void statuses(Detector detector, byte[] nv21) {
