@@ -67,9 +67,12 @@ alignas(16) const uint8_t kStrided[4][16] = {
     {3, kZ, kZ, kZ, 7, kZ, kZ, kZ, 11, kZ, kZ, kZ, 15, kZ, kZ, kZ}};
 #endif
 
-inline float32x4_t to_float(uint32x4_t small) {
-  // Every value is a byte, so the signed conversion is exact and the cheapest everywhere.
-  return vcvtq_f32_s32(vreinterpretq_s32_u32(small));
+inline float32x4_t to_float(uint32x4_t small, int32_t bias = 0) {
+  // Every value is a byte, so the signed conversion is exact and the cheapest everywhere. A
+  // bias added to the integers is exact too, and keeps the floating-point units free.
+  int32x4_t value = vreinterpretq_s32_u32(small);
+  if (bias != 0) value = vaddq_s32(value, vdupq_n_s32(bias));
+  return vcvtq_f32_s32(value);
 }
 
 #if !AD_NEON_FAST_TABLES
@@ -99,36 +102,40 @@ inline Quads in_order(uint8x16_t bytes) {
   return out;
 }
 
-inline Quads strided(uint8x16_t bytes) {
+inline Quads strided(uint8x16_t bytes, int32_t bias = 0) {
   Quads out;
 #if AD_NEON_FAST_TABLES
   for (int j = 0; j < 4; ++j) {
-    out.q[j] = to_float(vreinterpretq_u32_u8(vqtbl1q_u8(bytes, vld1q_u8(kStrided[j]))));
+    out.q[j] = to_float(vreinterpretq_u32_u8(vqtbl1q_u8(bytes, vld1q_u8(kStrided[j]))), bias);
   }
 #else
   const uint8x16_t even = vuzp1q_u8(bytes, bytes);
   const uint8x16_t odd = vuzp2q_u8(bytes, bytes);
-  out.q[0] = to_float(widen_first4(vuzp1q_u8(even, even)));
-  out.q[1] = to_float(widen_first4(vuzp2q_u8(even, even)));
-  out.q[2] = to_float(widen_first4(vuzp1q_u8(odd, odd)));
-  out.q[3] = to_float(widen_first4(vuzp2q_u8(odd, odd)));
+  out.q[0] = to_float(widen_first4(vuzp1q_u8(even, even)), bias);
+  out.q[1] = to_float(widen_first4(vuzp2q_u8(even, even)), bias);
+  out.q[2] = to_float(widen_first4(vuzp1q_u8(odd, odd)), bias);
+  out.q[3] = to_float(widen_first4(vuzp2q_u8(odd, odd)), bias);
 #endif
   return out;
 }
 
 // Strided quads back to 16 bytes in pixel order, each value truncated toward zero and
-// saturated to 0..255: the same bytes as converting to unsigned and narrowing twice with
-// saturation, for every value the conversion can produce.
+// saturated to 0..255. Packing quads 0 and 2, then 1 and 3, leaves pixel r + 4c at byte
+// 4r + c: a 4x4 transpose away from pixel order.
 inline uint8x16_t narrow(const Quads& x) {
-  const int32x4_t zero = vdupq_n_s32(0);
-  uint32x4_t w[4];
-  for (int j = 0; j < 4; ++j) w[j] = vreinterpretq_u32_s32(vmaxq_s32(vcvtq_s32_f32(x.q[j]), zero));
-  const uint16x8_t top = vdupq_n_u16(kByteMax);
-  const uint16x8_t a =
-      vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[0], vshlq_n_u32(w[1], 16))), top);
-  const uint16x8_t b =
-      vminq_u16(vreinterpretq_u16_u32(vorrq_u32(w[2], vshlq_n_u32(w[3], 16))), top);
-  return vreinterpretq_u8_u16(vorrq_u16(a, vshlq_n_u16(b, 8)));
+  int32x4_t w[4];
+  for (int j = 0; j < 4; ++j) w[j] = vcvtq_s32_f32(x.q[j]);
+  const uint8x16_t packed =
+      qmovun_pair_s16(qmovn_pair_s32(w[0], w[2]), qmovn_pair_s32(w[1], w[3]));
+#if AD_NEON_FAST_TABLES
+  alignas(16) static constexpr uint8_t kTranspose[kBlock] = {0, 4, 8,  12, 1, 5, 9,  13,
+                                                             2, 6, 10, 14, 3, 7, 11, 15};
+  return vqtbl1q_u8(packed, vld1q_u8(kTranspose));
+#else
+  // Interleaving the halves turns each byte's index left by one bit; twice swaps its halves.
+  const uint8x16_t once = vzip1q_u8(packed, vextq_u8(packed, packed, 8));
+  return vzip1q_u8(once, vextq_u8(once, once, 8));
+#endif
 }
 
 inline uint8x16_t reverse16(uint8x16_t x) {
@@ -146,43 +153,9 @@ inline Planes reversed(const Planes& p) {
   return {{reverse16(p.c[0]), reverse16(p.c[1]), reverse16(p.c[2])}};
 }
 
-#if !(defined(AD_NEON_NATIVE) && AD_NEON_NATIVE) && AD_NEON_FAST_TABLES
-// De-interleaving tables for 48 bytes B,G,R,B,G,R,...: plane ch takes byte 3l+ch into lane l,
-// looked up in the 16-byte part that holds it; the other two parts give 0 there.
-struct Deinterleave {
-  uint8_t index[kBgrBytes][3][kBlock];
-};
-constexpr Deinterleave make_deinterleave() {
-  Deinterleave t{};
-  for (int ch = 0; ch < kBgrBytes; ++ch) {
-    for (int part = 0; part < 3; ++part) {
-      for (int l = 0; l < kBlock; ++l) {
-        const int byte = kBgrBytes * l + ch;
-        t.index[ch][part][l] = byte / kBlock == part ? uint8_t(byte % kBlock) : kZ;
-      }
-    }
-  }
-  return t;
-}
-alignas(16) constexpr Deinterleave kDeinterleave = make_deinterleave();
-#endif
-
 inline Planes load_bgr16(const unsigned char* pixels) {
-#if !(defined(AD_NEON_NATIVE) && AD_NEON_NATIVE) && AD_NEON_FAST_TABLES
-  // SIMDe loads three-way interleaved bytes one at a time; table lookups are far cheaper.
-  const uint8x16_t part[3] = {vld1q_u8(pixels), vld1q_u8(pixels + kBlock),
-                              vld1q_u8(pixels + 2 * kBlock)};
-  Planes p;
-  for (int ch = 0; ch < kBgrBytes; ++ch) {
-    p.c[ch] = vorrq_u8(vorrq_u8(vqtbl1q_u8(part[0], vld1q_u8(kDeinterleave.index[ch][0])),
-                                vqtbl1q_u8(part[1], vld1q_u8(kDeinterleave.index[ch][1]))),
-                       vqtbl1q_u8(part[2], vld1q_u8(kDeinterleave.index[ch][2])));
-  }
-  return p;
-#else
   const uint8x16x3_t v = vld3q_u8(pixels);
   return {{v.val[0], v.val[1], v.val[2]}};
-#endif
 }
 
 inline void store_bgr16(unsigned char* pixels, const Planes& p) {
@@ -237,9 +210,7 @@ struct ChromaTerms {
 
 inline ChromaTerms chroma_terms(const unsigned char* vu) {
   // Strided: V of the even pairs, V of the odd pairs, U of the even pairs, U of the odd pairs.
-  Quads c = strided(vld1q_u8(vu));
-  const float32x4_t offset = vdupq_n_f32(kChromaOffset);
-  for (float32x4_t& q : c.q) q = vaddq_f32(q, offset);
+  const Quads c = strided(vld1q_u8(vu), static_cast<int32_t>(kChromaOffset));
   const float32x4_t v_to_r = vdupq_n_f32(kVToR), u_to_g = vdupq_n_f32(kUToG);
   const float32x4_t v_to_g = vdupq_n_f32(kVToG), u_to_b = vdupq_n_f32(kUToB);
   ChromaTerms t;
