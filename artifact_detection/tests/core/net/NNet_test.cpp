@@ -136,40 +136,6 @@ TEST_F(NNetTest, OpenRunAndCloseLogInOrderAndReleaseSessionAndLibraryOnce) {
   EXPECT_FALSE(FakeTarnlink::is_loaded(path));
 }
 
-TEST_F(NNetTest, FailedOpenLeavesAClosedButUsableNetAndReleasesItsSession) {
-  const std::string thrown =
-      "78: Tarnlink: ZEPH session returned NULL ! Exception thrown in open "
-      "for module artifact_Detector | fake inference library failure";
-  // clang-format off
-  const std::tuple<const char*, FakeTarnOp, FakeTarnFailure, Ops, std::string> cases[] = {
-      {"net.tflite", kCreate, FAKE_TARN_RETURN_FAILURE, {kCreate, kDestroy}, ""},
-      {"net.tflite", kZeph, FAKE_TARN_RETURN_FAILURE, {kCreate, kZeph, kDestroy},
-       "62: TQ Debug: failed to open models using zeph options api"},
-      {"net.tflite", kZeph, FAKE_TARN_THROW, {kCreate, kZeph, kDestroy}, thrown},
-      {"models", kOpen, FAKE_TARN_RETURN_FAILURE, {kCreate, kOpen, kDestroy}, ""},
-      {"net.tflite", kDims, FAKE_TARN_RETURN_FAILURE, {kCreate, kZeph, kDims, kDestroy}, ""}};
-  // clang-format on
-  for (const auto& [model, op, failure, ops, why] : cases) {
-    SCOPED_TRACE(testing::Message() << "operation " << op << " failing as " << failure);
-    fake->reset();
-    fake->set_failure(op, failure);
-    auto net = make(model);
-    Strings all = lines(), infos = info();
-    EXPECT_EQ(all.at(all.size() - 2),
-              "87: TQ Debug: NNet Contructor failed for module - artifact_Detector");
-    all.insert(all.end(), infos.begin(), infos.end());
-    EXPECT_TRUE(why.empty() || std::find(all.begin(), all.end(), why) != all.end()) << why;
-    capture.clear();
-    int d = 0;
-    EXPECT_FALSE(net->forward_pass(cv::Mat(224, 224, CV_8UC3, cv::Scalar::all(7))));
-    EXPECT_EQ(net->get_layer_output_with_format("Identity", d, d, d, d, d), nullptr);
-    EXPECT_TRUE(capture.lines().empty());
-    net.reset();
-    EXPECT_EQ(fake->call_ops(), ops);  // the session (or null) destroyed once
-    EXPECT_EQ(fake->live_sessions(), 0);
-  }
-}
-
 // Only an image whose both sides differ from the network's (16 by 12 here) is resized, then
 // JPEG round-tripped; the library gets that image's pixels minus 128, interleaved.
 TEST_F(NNetTest, ForwardPassHandsTheLibraryPixelsMinus128) {
