@@ -160,6 +160,7 @@ TEST_F(EngineRun, InitializeOpensTheModelLogsTheThresholdsAndRunsReadItsLayer) {
       "EXECUTION DATA TYPE to FLOAT16";
   // model_type, precision, unit and precision codes, layer, the fallbacks logged
   const std::tuple<std::string, std::string, int, int, std::string, Strings> cases[] = {
+      {"gpu", "qasymm8", 1, 3, "Identity", {}},
       {"dsp", "qasymm16", 2, 2, "prob", {}},
       {"NPU", "float16", 0, 1, "Identity", {unit_fallback}},
       {"", "int8", 0, 1, "Identity", {unit_fallback, precision_fallback}}};
