@@ -76,7 +76,13 @@ const LibraryFault kLibraryFaults[] = {
      "TQ Debug: TarnWrapper_getLayerOutputAndFormat symbol not found"},
     {"CreateThrowsANonStandardException", V::kFull, FAKE_TARN_CREATE, FAKE_TARN_THROW_NON_STD, 0,
      0, 0, "TQ:Debug artifact_detector execute failed because init was unsuccessful"},
+    {"CreateFails", V::kFull, FAKE_TARN_CREATE, kFail, 0, 1, 0, kForwardPassFailed},
     {"OpenFails", V::kFull, FAKE_TARN_OPEN_ZEPH_OPTIONS, kFail, 0, 1, 0, kForwardPassFailed},
+    {"OpenThrows", V::kFull, FAKE_TARN_OPEN_ZEPH_OPTIONS, kThrow, 0, 1, 0,
+     "Tarnlink: ZEPH session returned NULL ! Exception thrown in open for module "
+     "artifact_Detector | " + kFakeFailure},
+    {"InputSizeFails", V::kFull, FAKE_TARN_GET_INPUT_DIMENS, kFail, 0, 1, 0,
+     "TQ Debug: NNet Contructor failed for module - artifact_Detector"},
     {"InputSizeThrows", V::kFull, FAKE_TARN_GET_INPUT_DIMENS, kThrow, 0, 0, 0,
      kInitFailed + kFakeFailure},
     {"ExecuteFails", V::kFull, FAKE_TARN_EXECUTE, kFail, 1, 1, 0, kForwardPassFailed},

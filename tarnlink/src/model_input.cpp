@@ -393,14 +393,19 @@ bool read_onnx_input(const std::vector<unsigned char>& model, ModelInput& input,
   return true;
 }
 
-bool read_prototxt_input(const std::string& text, ModelInput& input, std::string& error) {
-  input = ModelInput{};
-  const std::vector<std::string> tokens = text_tokens(text);
-  std::vector<std::string> blocks;  // names of the open blocks, outermost first
+namespace {
+
+// What a network description declares about its inputs, gathered token by token.
+struct PrototxtScan {
   std::vector<std::string> top_inputs;
   std::vector<std::vector<int64_t>> top_shapes;
   std::vector<int64_t> top_input_dims;
   std::vector<LayerScan> input_layers;
+};
+
+// Walks the tokens of a network description; false, with `error`, where it is malformed.
+bool scan_prototxt(const std::vector<std::string>& tokens, PrototxtScan& scan, std::string& error) {
+  std::vector<std::string> blocks;  // names of the open blocks, outermost first
   LayerScan layer;
 
   for (size_t i = 0; i < tokens.size(); ++i) {
@@ -411,7 +416,7 @@ bool read_prototxt_input(const std::string& text, ModelInput& input, std::string
         return false;
       }
       if (blocks.size() == 1 && blocks[0] == "layer" && layer.is_input) {
-        input_layers.push_back(layer);
+        scan.input_layers.push_back(layer);
       }
       blocks.pop_back();
       continue;
@@ -422,7 +427,7 @@ bool read_prototxt_input(const std::string& text, ModelInput& input, std::string
     if (next < tokens.size() && tokens[next] == ":") ++next;
     if (next < tokens.size() && (tokens[next] == "{" || tokens[next] == "<")) {
       blocks.push_back(token);
-      if (blocks.size() == 1 && token == "input_shape") top_shapes.emplace_back();
+      if (blocks.size() == 1 && token == "input_shape") scan.top_shapes.emplace_back();
       if (blocks.size() == 1 && token == "layer") layer = LayerScan{};
       if (blocks.size() == 3 && blocks[0] == "layer" && blocks[1] == "input_param" &&
           token == "shape") {
@@ -439,10 +444,10 @@ bool read_prototxt_input(const std::string& text, ModelInput& input, std::string
     i = next;
     int64_t dim = 0;
     if (blocks.empty()) {
-      if (token == "input") top_inputs.push_back(value);
-      if (token == "input_dim" && parse_dim(value, dim)) top_input_dims.push_back(dim);
+      if (token == "input") scan.top_inputs.push_back(value);
+      if (token == "input_dim" && parse_dim(value, dim)) scan.top_input_dims.push_back(dim);
     } else if (blocks.size() == 1 && blocks[0] == "input_shape" && token == "dim") {
-      if (parse_dim(value, dim)) top_shapes.back().push_back(dim);
+      if (parse_dim(value, dim)) scan.top_shapes.back().push_back(dim);
     } else if (blocks.size() == 1 && blocks[0] == "layer") {
       if (token == "type" && value == "Input") layer.is_input = true;
       if (token == "name") layer.name = value;
@@ -456,20 +461,34 @@ bool read_prototxt_input(const std::string& text, ModelInput& input, std::string
     error = "unbalanced braces";
     return false;
   }
+  return true;
+}
 
-  input.input_count = static_cast<int>(top_inputs.size());
-  for (const LayerScan& scan : input_layers) input.input_count += std::max(scan.tops, 1);
-  if (!top_inputs.empty()) {
-    input.name = top_inputs[0];
-    if (!top_shapes.empty()) {
-      input.dims = top_shapes[0];
-    } else if (top_input_dims.size() >= 4) {
-      input.dims.assign(top_input_dims.begin(), top_input_dims.begin() + 4);
+// The input count and the first input: top-level "input" fields first, then Input layers.
+void first_input(const PrototxtScan& scan, ModelInput& input) {
+  input.input_count = static_cast<int>(scan.top_inputs.size());
+  for (const LayerScan& layer : scan.input_layers) input.input_count += std::max(layer.tops, 1);
+  if (!scan.top_inputs.empty()) {
+    input.name = scan.top_inputs[0];
+    if (!scan.top_shapes.empty()) {
+      input.dims = scan.top_shapes[0];
+    } else if (scan.top_input_dims.size() >= 4) {
+      input.dims.assign(scan.top_input_dims.begin(), scan.top_input_dims.begin() + 4);
     }
-  } else if (!input_layers.empty()) {
-    input.name = input_layers[0].top.empty() ? input_layers[0].name : input_layers[0].top;
-    input.dims = input_layers[0].dims;
+  } else if (!scan.input_layers.empty()) {
+    const LayerScan& layer = scan.input_layers[0];
+    input.name = layer.top.empty() ? layer.name : layer.top;
+    input.dims = layer.dims;
   }
+}
+
+}  // namespace
+
+bool read_prototxt_input(const std::string& text, ModelInput& input, std::string& error) {
+  input = ModelInput{};
+  PrototxtScan scan;
+  if (!scan_prototxt(text_tokens(text), scan, error)) return false;
+  first_input(scan, input);
   if (input.input_count == 0) {
     error = "the network declares no input";
     return false;

@@ -233,6 +233,49 @@ std::vector<unsigned char> to_bytes(const std::string& text) {
   return std::vector<unsigned char>(text.begin(), text.end());
 }
 
+// The input `model` (read from `path`) declares; for Caffe, `prototxt` receives the network
+// description beside it. False, with the reason logged, where either cannot be read.
+bool read_declared_input(const std::string& path, ModelKind kind,
+                         const std::vector<unsigned char>& model, ModelInput& declared,
+                         std::string& prototxt) {
+  std::string error;
+  if (kind == ModelKind::kOnnx) {
+    if (!read_onnx_input(model, declared, error)) {
+      TARN_ERROR("open: %s: %s", path.c_str(), error.c_str());
+      return false;
+    }
+    return true;
+  }
+  prototxt = fs::path(path).replace_extension(".prototxt").string();
+  std::vector<unsigned char> text;
+  if (!read_file(prototxt, text)) {
+    TARN_ERROR("open: cannot read network description %s", prototxt.c_str());
+    return false;
+  }
+  if (!read_prototxt_input(std::string(text.begin(), text.end()), declared, error)) {
+    TARN_ERROR("open: %s: %s", prototxt.c_str(), error.c_str());
+    return false;
+  }
+  prototxt.assign(text.begin(), text.end());
+  return true;
+}
+
+// The network's layers for the requested outputs; ONNX importers rename inner tensors.
+bool find_layers(cv::dnn::Net& net, const std::string& path, ModelKind kind,
+                 const std::vector<std::string>& output_names,
+                 std::vector<std::string>& layer_names) {
+  for (const std::string& name : output_names) {
+    std::string layer = name;
+    if (net.getLayerId(layer) < 0 && kind == ModelKind::kOnnx) layer = kOnnxInnerLayerPrefix + name;
+    if (net.getLayerId(layer) < 0) {
+      TARN_ERROR("open: %s has no output layer %s", path.c_str(), name.c_str());
+      return false;
+    }
+    layer_names.push_back(layer);
+  }
+  return true;
+}
+
 // Opens `path` as a model of `kind` into `session`. The session is closed first, so a failed
 // open leaves no earlier model behind.
 bool open_model(Session& session, const std::string& path, ModelKind kind,
@@ -249,24 +292,7 @@ bool open_model(Session& session, const std::string& path, ModelKind kind,
   ModelInput declared;
   std::string error;
   std::string prototxt;
-  if (kind == ModelKind::kOnnx) {
-    if (!read_onnx_input(model, declared, error)) {
-      TARN_ERROR("open: %s: %s", path.c_str(), error.c_str());
-      return false;
-    }
-  } else {
-    prototxt = fs::path(path).replace_extension(".prototxt").string();
-    std::vector<unsigned char> text;
-    if (!read_file(prototxt, text)) {
-      TARN_ERROR("open: cannot read network description %s", prototxt.c_str());
-      return false;
-    }
-    if (!read_prototxt_input(std::string(text.begin(), text.end()), declared, error)) {
-      TARN_ERROR("open: %s: %s", prototxt.c_str(), error.c_str());
-      return false;
-    }
-    prototxt.assign(text.begin(), text.end());
-  }
+  if (!read_declared_input(path, kind, model, declared, prototxt)) return false;
   InputGeometry input;
   if (declared.input_count != 1) {
     TARN_ERROR("open: %s declares %d inputs, only single-input networks are served", path.c_str(),
@@ -290,15 +316,7 @@ bool open_model(Session& session, const std::string& path, ModelKind kind,
 
   if (output_names.empty()) output_names = net.getUnconnectedOutLayersNames();
   std::vector<std::string> layer_names;
-  for (const std::string& name : output_names) {
-    std::string layer = name;
-    if (net.getLayerId(layer) < 0 && kind == ModelKind::kOnnx) layer = kOnnxInnerLayerPrefix + name;
-    if (net.getLayerId(layer) < 0) {
-      TARN_ERROR("open: %s has no output layer %s", path.c_str(), name.c_str());
-      return false;
-    }
-    layer_names.push_back(layer);
-  }
+  if (!find_layers(net, path, kind, output_names, layer_names)) return false;
 
   // One run on zeros at open, so that a model that cannot run is refused here and not at
   // the first frame.

@@ -67,6 +67,8 @@ TEST(ModelInput, RefusesTensorsWhoseDataDoesNotMatchTheirDimensions) {
       {d3x2 + i64 + w + bytes_field(7, six_varints), false, ""},
       {raw_float_tensor("w", {3, 100000000}, std::string(12, 'x')), false,
        "initializer 'w' declares more values than the model file can hold"},
+      {raw_float_tensor("w", {10, 10, 10, 10, 10, 10}, std::string(12, 'x')), false,
+       "initializer 'w' declares more values than the model file can hold"},
       {raw_float_tensor("w", {3, 2}, std::string(20, 'x')), false,
        need + "20 bytes where its dimensions need 24"},
       {raw_float_tensor("w", {3, 2}, std::string(28, 'x')), true,

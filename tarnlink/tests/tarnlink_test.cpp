@@ -156,6 +156,10 @@ TEST(Failures, AnswerFalseAndSayWhy) {
   refused(no_direct(s, d.write_file("c.caffemodel", "x")), "cannot read network description");
   refused(no_direct(s, d.write_file("m.tflite", "x")), ".tflite is neither");
   refused(!TARN(openDLModel)(s, d.path().c_str(), "Module", outs, 1, 0, 0), "no directory");
+  d.make_dir("module");
+  refused(!TARN(openDLModel)(s, d.path().c_str(), "Module", outs, 1, 0, 0), "holds 0 model files");
+  d.write_file("two.prototxt", "input: 'a' input: 'b'");
+  refused(no_direct(s, d.write_file("two.caffemodel", "x")), "declares 2 inputs");
   refused(no_direct(s, kTiny, 0, 0, "nope"), "has no output layer nope");
   refused(!no_direct(s, kTiny) && no_direct(s, kModels + "none.onnx") &&
               !TARN(getInputDimens)(s, &n, &n), "getInputDimens: no model open");

@@ -23,7 +23,8 @@ arm_driver=$work/nv21_cross_driver.aarch64
 aarch64-linux-gnu-g++ -std=c++17 -O2 -static -ffp-contract=off -Wall -Wextra -Werror \
   -DAD_NEON_NATIVE=1 -I"$root/src" -I"$root/tests" \
   "$root/tests/arm64/nv21_cross_driver.cpp" "$root/src/utils/image_utils_neon.cpp" \
-  "$root/src/utils/neon_kernels.cpp" \
+  "$root/src/utils/kernel_dispatch.cpp" "$root/src/utils/area_plan.cpp" \
+  "$root/src/utils/nv21_resize.cpp" "$root/src/utils/neon_kernels.cpp" \
   -o "$arm_driver"
 
 # Both outputs are streamed through pipes into cmp: no large files.

@@ -186,29 +186,6 @@ TEST(Nv21, CompositesAreTheirStepsInOrder) {
   }
 }
 
-// One pass gives the bytes of converting, turning and resizing by area, for NV21 and B,G,R.
-TEST(Shrink, GivesTheBytesOfTurningThenResizing) {
-  std::vector<std::tuple<cv::Size, cv::Size, int>> cases = {{{1920, 1080}, {224, 224}, 90},
-                                                            {{642, 482}, {224, 224}, 270}};
-  for (int r : {0, 90, 180, 270, 45, -90}) {
-    cases.insert(cases.end(), {{{64, 48}, {40, 30}, r}, {{98, 66}, {31, 23}, r}});
-  }
-  for (const auto& [size, target, rotation] : cases) {
-    PageEndBuffer frame(size.width, size.height, Pixels::Random, size.area());
-    const cv::Mat bgr = ad_test::reference_nv21_to_bgr(frame.data(), size.width, size.height);
-    const cv::Mat expected =
-        ad_test::reference_shrink(ad_test::reference_turn(bgr, rotation), target);
-    cv::Mat from_nv21, from_bgr;
-    ASSERT_TRUE(image_utils::shrink_upright_nv21(frame.chars(), size.width, size.height, rotation,
-                                                 target, from_nv21));
-    ASSERT_TRUE(image_utils::shrink_upright(bgr, rotation, target, from_bgr));
-    EXPECT_TRUE(same_bytes(from_nv21, expected)) << size << target << rotation;
-    EXPECT_TRUE(same_bytes(from_bgr, expected)) << size << target << rotation;
-    EXPECT_EQ(image_utils::upright_size(size.width, size.height, rotation),
-              rotate_image(bgr, rotation).size());
-  }
-}
-
 // Where cv::resize would copy, average whole blocks or enlarge, or the input is not what the
 // kernels take, nothing is made and the caller's image stays as it was.
 TEST(Shrink, DeclinesWhatTheAreaKernelsDoNotDo) {

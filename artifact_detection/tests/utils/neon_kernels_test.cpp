@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "support/frame_buffers.h"
+#include "support/kernel_cases.h"
 #include "support/reference_images.h"
 
 namespace {
@@ -18,17 +18,10 @@ namespace kernels = tqr_arm_neon::kernels;
 cv::Mat as_mat(PageEndBuffer& bytes, cv::Size size) { return cv::Mat(size, CV_8UC3, bytes.data()); }
 
 TEST(NeonKernels, ConversionGivesTheReferenceBytes) {
-  std::vector<std::pair<cv::Size, Pixels>> cases = {
-      {{16, 16384}, Pixels::ChromaSweep},  // every chroma pair in vector columns
-      {{8, 32768}, Pixels::ChromaSweep},   // and in scalar columns
-      {{1920, 1080}, Pixels::Random}};
-  for (int w = 2; w <= 66; w += 2)
-    cases.insert(cases.end(), {{{w, 6}, Pixels::Random}, {{w, 4}, Pixels::Extreme}});
-  for (int w : {94, 98, 126, 128, 130, 254, 256, 258, 642, 1002})
-    cases.insert(cases.end(), {{{w, 10}, Pixels::Random}, {{w, 2}, Pixels::Extreme}});
   for (const kernels::Variant* v : kernels::runnable()) {
-    for (const auto& [s, kind] : cases) {
-      PageEndBuffer frame(s.width, s.height, kind, s.width * 131 + s.height);
+    for (const auto& [width, height, kind] : ad_test::conversion_cases()) {
+      const cv::Size s(width, height);
+      PageEndBuffer frame(width, height, kind, width * 131 + height);
       PageEndBuffer out(s.area() * 3);
       v->convert(frame.data(), out.data(), s.width, s.height);
       ASSERT_TRUE(ad_test::same_bytes(
@@ -40,8 +33,8 @@ TEST(NeonKernels, ConversionGivesTheReferenceBytes) {
 
 TEST(NeonKernels, TurnedConversionIsConversionThenRotation) {
   for (const kernels::Variant* v : kernels::runnable()) {
-    for (cv::Size s : {cv::Size(2, 2), cv::Size(16, 16), cv::Size(18, 34), cv::Size(34, 18),
-                       cv::Size(66, 50), cv::Size(130, 66), cv::Size(642, 34), cv::Size(32, 100)}) {
+    for (const auto& [width, height] : ad_test::kTurnSizes) {
+      const cv::Size s(width, height);
       PageEndBuffer frame(s.width, s.height, Pixels::Random, s.area());
       const cv::Mat converted = ad_test::reference_nv21_to_bgr(frame.data(), s.width, s.height);
       for (int rotation : {90, 180, 270, 0, 45}) {
@@ -58,14 +51,9 @@ TEST(NeonKernels, TurnedConversionIsConversionThenRotation) {
 // Turned, some cases would enlarge a side, which cv::resize does not do by area: no plan then.
 // B,G,R frames are windows of a larger image, so their rows lie further apart than their width.
 TEST(NeonKernels, AreaReductionGivesOpenCvBytes) {
-  const std::pair<cv::Size, cv::Size> cases[] = {
-      {{64, 48}, {40, 30}},     {{66, 50}, {20, 18}},       {{130, 98}, {17, 23}},
-      {{34, 18}, {11, 7}},      {{18, 34}, {5, 9}},         {{250, 240}, {224, 224}},
-      {{642, 482}, {224, 224}}, {{320, 180}, {224, 101}},   {{48, 1000}, {3, 224}},
-      {{1000, 48}, {224, 3}},   {{1920, 1080}, {224, 224}}, {{101, 77}, {31, 29}},
-      {{257, 33}, {19, 32}}};
   cv::RNG rng(17);
-  for (const auto& [size, dst] : cases) {
+  for (const auto& [width, height, dst_width, dst_height] : ad_test::kAreaCases) {
+    const cv::Size size(width, height), dst(dst_width, dst_height);
     for (int pass = 0; pass < 3; ++pass) {  // NV21 random, NV21 extreme, B,G,R
       const bool nv21 = pass < 2;
       const Pixels kind = pass == 1 ? Pixels::Extreme : Pixels::Random;

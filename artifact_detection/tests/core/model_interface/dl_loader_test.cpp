@@ -1,5 +1,5 @@
-// The inference library loader: the four places it tries, in order, and the operations it
-// looks up, each with its fixed log lines.
+// The inference library loader: the four places it tries, in order, each with its fixed log
+// lines. The operations it looks up are exercised through the session tests.
 #include "core/model_interface/dl_loader.h"
 
 #include <dlfcn.h>
@@ -69,39 +69,6 @@ TEST(Loader, TriesTheFourPlacesInOrderAndLogsEachAttempt) {
     EXPECT_TRUE(std::filesystem::equivalent(info.dli_fname, winner == 0 ? full : names[winner]));
     dlclose(handle);
   }
-}
-
-TEST(Loader, GettersReturnTheSymbolOrLogTheirLineAndNull) {
-  // Getter, symbol after "TarnWrapper_", line of its missing-symbol message, and the name
-  // that message gives when it is not the symbol.
-  // clang-format off
-  const std::tuple<void* (*)(void*), std::string, int, const char*> cases[] = {
-      {get_create_fptr, "create", 65, nullptr}, {get_open_fptr, "openDLModel", 73, nullptr},
-      {get_open_fptr_direct_latency, "openDLModel_direct_latency", 81, nullptr},
-      {get_open_fptr_direct, "openDLModel_direct", 89, nullptr},
-      {get_inputDimens_fptr, "getInputDimens", 97, "inputDimens_fptr"},
-      {get_inputChannels_fptr, "getInputChannels", 105, "inputChannels_fptr"},
-      {get_execute_fptr, "execute", 113, nullptr}, {get_output_fptr, "getLayerOutput", 121, nullptr},
-      {get_output_and_format_fptr, "getLayerOutputAndFormat", 130, nullptr},
-      {get_destroy_fptr, "destroy", 139, nullptr},
-      {get_setChannelMeans_fptr, "setChannelMeans", 147, "setChannelMeans_fptr"},
-      {get_open_fptr_zeph_options, "openDLModel_zephOptions", 155, nullptr}};
-  // clang-format on
-  FakeTarnlink fake;
-  void* empty = dlopen(FakeTarnlink::path(FakeVariant::kNoOperations).c_str(), RTLD_LAZY);
-  ASSERT_NE(empty, nullptr);
-  for (const auto& [getter, symbol, line, name] : cases) {
-    SCOPED_TRACE(symbol);
-    ad_test::LogCapture capture;  // a symbol found logs nothing
-    void* const found = getter(fake.handle());
-    EXPECT_TRUE(found != nullptr &&
-                found == dlsym(fake.handle(), ("TarnWrapper_" + symbol).c_str()));
-    EXPECT_EQ(getter(empty), nullptr);
-    EXPECT_EQ(capture.texts("ImageSearchJNI_ARTI_DET"),
-              Strings{"dl_loader.cpp: " + std::to_string(line) + ": TQ Debug: TarnWrapper_" +
-                      (name ? name : symbol) + " symbol not found"});
-  }
-  dlclose(empty);
 }
 
 }  // namespace
