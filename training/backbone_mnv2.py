@@ -110,16 +110,16 @@ def module_export(path):
     return parse_js_literal(text, m.end())[0]
 
 
-def dequantize(raw, spec):
+def dequantize(raw, entry):
     """One tensor of the weights manifest from its bytes."""
-    n = int(np.prod(spec["shape"])) if spec["shape"] else 1
-    q = spec.get("quantization")
+    n = int(np.prod(entry["shape"])) if entry["shape"] else 1
+    q = entry.get("quantization")
     if q is None:
-        return np.frombuffer(raw, "<f4", n).reshape(spec["shape"]), 4 * n
+        return np.frombuffer(raw, "<f4", n).reshape(entry["shape"]), 4 * n
     if q["dtype"] != "uint8":
-        raise ValueError("%s: unsupported quantisation %s" % (spec["name"], q["dtype"]))
+        raise ValueError("%s: unsupported quantisation %s" % (entry["name"], q["dtype"]))
     v = np.frombuffer(raw, np.uint8, n).astype(np.float64) * q["scale"] + q["min"]
-    return v.astype(np.float32).reshape(spec["shape"]), n
+    return v.astype(np.float32).reshape(entry["shape"]), n
 
 
 def load_tfjs(model_dir=MODEL_DIR):
@@ -130,8 +130,8 @@ def load_tfjs(model_dir=MODEL_DIR):
         raw = b"".join(base64.b64decode(module_export(os.path.join(model_dir, p + ".min.js")))
                        for p in group["paths"])
         at = 0
-        for spec in group["weights"]:
-            weights[spec["name"]], used = dequantize(raw[at:], spec)
+        for entry in group["weights"]:
+            weights[entry["name"]], used = dequantize(raw[at:], entry)
             at += used
         if at != len(raw):
             raise ValueError("weight shard holds %d bytes, manifest %d" % (len(raw), at))
