@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <opencv2/imgcodecs.hpp>
 #include <thread>
 
@@ -120,9 +122,16 @@ TEST_F(Concurrency, OneDetectorFromSeveralThreads) {
   EXPECT_EQ(reported(*detector), expected_[frame_]);
 }
 
+std::size_t open_descriptors() {
+  auto entries = std::filesystem::directory_iterator("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
 // Every detector loads and unloads the inference library by itself: the loader's reference
-// counting must hold up on several threads at once, and no detector sees another's results.
+// counting must hold up on several threads at once, no detector sees another's results, and
+// none leaves a descriptor open.
 TEST_F(Concurrency, ParallelDetectorsComeAndGoAndGiveTheResultsOfOneAlone) {
+  const std::size_t descriptors = open_descriptors();
   std::atomic<int> failures{0};
   on_threads([&](int t) {
     for (int round = 0; round < 2; ++round) {
@@ -134,6 +143,7 @@ TEST_F(Concurrency, ParallelDetectorsComeAndGoAndGiveTheResultsOfOneAlone) {
     }
   });
   EXPECT_EQ(failures, 0);
+  EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 // Destroy must wait for a call that holds one of the engine's locks. The call is held at one

@@ -5,12 +5,12 @@
 
 #include <cmath>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <vector>
 
 #include "artifact_detector_jni.h"
 #include "support/fake_tarnlink.h"
+#include "support/log_capture.h"
 
 namespace {
 std::mutex g_mutex;
@@ -19,22 +19,20 @@ std::string g_log;  // the kept messages, each ended by a line feed
 
 extern "C" {
 
-// From now on, keeps the text of the bindings' LogMessage lines at info priority, header and
-// line feed cut and a timing line's milliseconds replaced by "N".
+// From now on, keeps the messages of the bindings' LogMessage lines at info priority, as the
+// tests' normaliser gives them.
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_TestSupport_captureLog(JNIEnv*,
                                                                                    jclass) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_log.clear();
-  __android_log_set_logger([](const __android_logger_data* data, const char* message) {
-    static const std::regex line(
-        R"(\[\d\d:\d\d:\d\d\] artifact_detector_jni\.cpp:\d+: ([^\n]*)\n)");
-    static const std::regex milliseconds(R"(^(TQ Debug: Time taken for [^:]+: )\d+ ms$)");
-    std::cmatch match;
-    if (data->priority == ANDROID_LOG_INFO && data->tag && message &&
-        std::string(data->tag) == "TQR_ARTIFACT_DET" && std::regex_match(message, match, line)) {
-      std::lock_guard<std::mutex> lock(g_mutex);
-      g_log += std::regex_replace(match[1].str(), milliseconds, "$1N ms") + "\n";
+  __android_log_set_logger([](const __android_logger_data* data, const char* text) {
+    if (data->priority != ANDROID_LOG_INFO || !data->tag || !text ||
+        std::string(data->tag) != "TQR_ARTIFACT_DET" ||
+        ad_test::located(text).rfind("artifact_detector_jni.cpp:", 0) != 0) {
+      return;
     }
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_log += ad_test::message(text) + "\n";
   });
 }
 

@@ -3,7 +3,6 @@
 #include <android/log.h>
 
 #include <algorithm>
-#include <regex>
 #include <stdexcept>
 
 namespace ad_test {
@@ -12,12 +11,9 @@ namespace {
 // liblog takes a plain function as logger: it reaches the active capture through this.
 LogCapture* g_active = nullptr;
 
-// The texts under `tag` with what `pattern` matches removed.
-std::vector<std::string> stripped(const LogCapture& capture, const char* tag, const char* pattern) {
-  const std::regex re(pattern);
+std::vector<std::string> messages(const LogCapture& capture, const char* tag) {
   std::vector<std::string> out;
-  for (const std::string& text : capture.texts(tag))
-    out.push_back(std::regex_replace(text, re, ""));
+  for (const std::string& text : capture.texts(tag)) out.push_back(message(text));
   return out;
 }
 
@@ -40,12 +36,11 @@ LogCapture::~LogCapture() {
 }
 
 std::vector<std::string> LogCapture::verbose_messages() const {
-  return stripped(*this, "ImageSearchJNI_ARTI_DET", R"(^[^:]+: [0-9]+: )");
+  return messages(*this, "ImageSearchJNI_ARTI_DET");
 }
 
 std::vector<std::string> LogCapture::info_messages() const {
-  return stripped(*this, "TQR_ARTIFACT_DET",
-                  R"(^\[[0-9]{2}:[0-9]{2}:[0-9]{2}\] [^:]+:[0-9]+: |\n$)");
+  return messages(*this, "TQR_ARTIFACT_DET");
 }
 
 bool LogCapture::contains(const std::string& message) const {

@@ -4,10 +4,28 @@
 #include <functional>
 #include <mutex>
 #include <ostream>
+#include <regex>
 #include <string>
 #include <vector>
 
 namespace ad_test {
+
+// One captured text as "<file>:<line>: <message>", from either format the library writes
+// ("[hh:mm:ss] <file>:<line>: <message>\n" or "<file>: <line>: <message>"); elapsed times and
+// buffer sizes read N. The one normaliser of every test's log assertions.
+inline std::string located(const std::string& text) {
+  static const std::regex head(R"(^(\[[0-9:]{8}\] )?([^:\s]+): ?([0-9]+): )"), tail("\n$"),
+      varying("(taken: |taken for [^:]+: |buffer size: )-?[0-9]+");
+  const std::string out = std::regex_replace(
+      std::regex_replace(text, head, "$2:$3: ", std::regex_constants::format_first_only), tail, "");
+  return std::regex_replace(out, varying, "$1N");
+}
+
+// The message alone: `located` without its "<file>:<line>: ".
+inline std::string message(const std::string& text) {
+  static const std::regex where(R"(^[^:\s]+:[0-9]+: )");
+  return std::regex_replace(located(text), where, "", std::regex_constants::format_first_only);
+}
 
 struct LogLine {
   std::string tag;
@@ -42,9 +60,8 @@ class LogCapture {
     }
     return out;
   }
-  // The formatted lines' texts without their "<file>: <line>: " prefix.
+  // The messages (see `message`) of the formatted lines, and of the LogMessage lines.
   std::vector<std::string> verbose_messages() const;
-  // The LogMessage lines' texts without "[hh:mm:ss] <file>:<line>: " and the final line feed.
   std::vector<std::string> info_messages() const;
   // Whether either list above holds `message`.
   bool contains(const std::string& message) const;

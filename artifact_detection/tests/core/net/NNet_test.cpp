@@ -5,11 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <optional>
-#include <regex>
 
 #include "support/fake_tarnlink.h"
 #include "support/log_capture.h"
@@ -34,13 +34,12 @@ class NNetTest : public ::testing::Test {
     return std::make_unique<NNet>(model, kModule, Strings{"Identity"},
                                   std::vector<float>{1.0f, 2.0f, 3.0f}, compute_unit, 1);
   }
-  // Captured texts of `tag` as "<line>: <text>" for NNet's own lines, "<file>: <line>: <text>"
-  // for others, without time header and line feed; elapsed milliseconds read "N".
+  // Captured texts of `tag` as `located` gives them, NNet's own without their file name.
   Strings lines(const char* tag = "ImageSearchJNI_ARTI_DET") const {
-    static const std::regex frame(R"(^(\[[0-9:]{8}\] )?NNet\.cpp: ?|\n$)"), ms("taken: [0-9-]+ ms");
     Strings out;
     for (const std::string& text : capture.texts(tag)) {
-      out.push_back(std::regex_replace(std::regex_replace(text, frame, ""), ms, "taken: N ms"));
+      const std::string line = ad_test::located(text);
+      out.push_back(line.rfind("NNet.cpp:", 0) == 0 ? line.substr(9) : line);
     }
     return out;
   }
@@ -111,7 +110,7 @@ TEST_F(NNetTest, OpenRunReadAndCloseLogInOrderAndReleaseSessionAndLibraryOnce) {
       "15: TQ Debug: NNet Constructor called for net.tflite, artifact_Detector",
       "22: init_net Mean for channel 0 is 1.000000", "22: init_net Mean for channel 1 is 2.000000",
       "22: init_net Mean for channel 2 is 3.000000",
-      "dl_loader.cpp: 12: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR",
+      "dl_loader.cpp:12: TQ Debug: Dynamic loading of libTarnlink successfull from LD DIR",
       "86: TQ Debug: NNet Contructor Model Dimensions - width=[224], height=[224]",
       "87: TQ Debug: NNet Contructor completed for module - artifact_Detector",
       "90: TQ Debug: engine-compute: Open time taken: N ms for module - artifact_Detector"}));

@@ -29,9 +29,9 @@ TEST(NormalizeImage, ConvertsToFloatAndOnlyReportsAMismatch) {
                                                            std::vector<float>(scales, 0.5f));
     EXPECT_EQ(out.type(), expected.type());
     EXPECT_EQ(cv::norm(out, expected, cv::NORM_INF), 0.0);
-    std::vector<std::string> located;  // without the time and the line feed
+    std::vector<std::string> located;
     for (const std::string& text : capture.texts("TQR_ARTIFACT_DET"))
-      located.push_back(text.substr(text.find("] ") + 2, text.size() - text.find("] ") - 3));
+      located.push_back(ad_test::located(text));
     EXPECT_EQ(located, lines);
   }
 }

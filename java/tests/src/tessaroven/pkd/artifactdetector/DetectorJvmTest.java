@@ -9,8 +9,9 @@ import java.util.Random;
 
 /**
  * Detector in a real JVM over the reference inference library and a real network: direct
- * ByteBuffer planes with padded rows and pixel stride 2 give, at every rotation, the results
- * of the same frame as tight NV21; each status is reachable; dropped detectors are freed.
+ * ByteBuffer planes with padded rows and pixel stride 2 give the results of the same frame as
+ * tight NV21; statuses and reasons cross; dropped detectors are freed. Which status each frame
+ * earns is the native test's.
  */
 public final class DetectorJvmTest {
   private static final int W = 96;
@@ -63,17 +64,13 @@ public final class DetectorJvmTest {
     ByteBuffer v = vu.duplicate();
     vu.position(1);
     ByteBuffer u = vu.slice();
-    int accepted = 0;
-    for (int rotation = 0; rotation < 360; rotation += 90) {
-      Detector.Result tight = detector.detectNv21(nv21, W, H, rotation);
-      Detector.Result planes = detector.detectYuv420888(y, stride, u, v, stride, 2, W, H, rotation);
-      check(Detector.Status.ANALYSED, planes.status, "planes at " + rotation + ": " + planes.reason);
-      check(Arrays.toString(tight.probabilities()), Arrays.toString(planes.probabilities()),
-          "probabilities at " + rotation);
-      check(tight.artifacts.toString(), planes.artifacts.toString(), "artifacts at " + rotation);
-      accepted += planes.artifacts.size();
-    }
-    check(true, accepted > 0, "some artifact accepted: empty lists prove nothing");
+    // Rotation and every plane's position, stride and pixel stride cross as given.
+    Detector.Result packed = detector.detectNv21(nv21, W, H, 90);
+    Detector.Result planes = detector.detectYuv420888(y, stride, u, v, stride, 2, W, H, 90);
+    check(Detector.Status.ANALYSED, planes.status, "planes: " + planes.reason);
+    check(Arrays.toString(packed.probabilities()) + packed.artifacts,
+        Arrays.toString(planes.probabilities()) + planes.artifacts, "planes against tight NV21");
+    check(true, planes.artifacts.size() > 0, "some artifact accepted: empty lists prove nothing");
 
     // RGBA rows padded by 12 bytes against the same pixels tightly packed.
     byte[] tight = new byte[W * H * 4];
@@ -95,10 +92,6 @@ public final class DetectorJvmTest {
     Object[][] cases = {
         {detector.detectNv21(grey, W, H, 90), Detector.Status.UNIFORM_FRAME,
             "the frame is one colour"},
-        {detector.detectNv21(nv21, W - 1, H, 0), Detector.Status.INVALID_INPUT,
-            "YUV frame size 95x64 is not even"},
-        {detector.detectNv21(nv21, 0, H, 0), Detector.Status.INVALID_INPUT,
-            "frame size 0x64 is not positive"},
         {detector.detectYuv420888(plane, W, plane, null, W, 2, W, H, 0),
             Detector.Status.INVALID_INPUT, "plane 2 is null"},
     };
