@@ -66,49 +66,43 @@ ad_bench::Memory run_memory_probe(const std::string& model, int frames) {
   return memory;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+// The command line: this program's options, and the rest for the benchmark library.
+struct Args {
   std::string report_path;
-  std::string model = AD_BENCH_DEFAULT_MODEL;
-  if (!file_exists(model)) model = AD_BENCH_FALLBACK_MODEL;
+  std::string model;
   int memory_frames = kDefaultMemoryFrames;
   int probe_frames = 0;
-  std::vector<char*> rest{argv[0]};
+  std::vector<char*> rest;
+};
+
+Args parse_args(int argc, char** argv) {
+  Args args;
+  args.model = file_exists(AD_BENCH_DEFAULT_MODEL) ? AD_BENCH_DEFAULT_MODEL
+                                                   : AD_BENCH_FALLBACK_MODEL;
+  args.rest.push_back(argv[0]);
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--report" && i + 1 < argc) {
-      report_path = argv[++i];
+      args.report_path = argv[++i];
     } else if (arg == "--model" && i + 1 < argc) {
-      model = argv[++i];
+      args.model = argv[++i];
     } else if (arg == "--memory-frames" && i + 1 < argc) {
-      memory_frames = std::atoi(argv[++i]);
+      args.memory_frames = std::atoi(argv[++i]);
     } else if (arg == "--memory-probe" && i + 1 < argc) {
-      probe_frames = std::atoi(argv[++i]);
+      args.probe_frames = std::atoi(argv[++i]);
     } else {
-      rest.push_back(argv[i]);
+      args.rest.push_back(argv[i]);
     }
   }
+  return args;
+}
 
-  __android_log_set_logger(drop_log_line);
-  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-  // Static: the detectors the benchmarks keep are destroyed after main returns and may still
-  // write through std::cout.
-  static NullBuffer null_buffer;
-  std::ostream console(std::cout.rdbuf());
-  std::cout.rdbuf(&null_buffer);
-  cv::setNumThreads(1);
-
-  if (probe_frames > 0) return ad_bench::memory_probe(model, probe_frames);
-
-  int rest_count = static_cast<int>(rest.size());
-  benchmark::Initialize(&rest_count, rest.data());
-  if (benchmark::ReportUnrecognizedArguments(rest_count, rest.data())) return 2;
-
+// Every benchmark run once, with the conditions they ran under.
+std::string run_benchmarks(const Args& args, std::ostream& console) {
   ad_bench::Conditions conditions;
-  conditions.model = model;
+  conditions.model = args.model;
   {
-    NNet net(model, "artifact_Detector", {"Identity"}, {128.0f, 128.0f, 128.0f}, 0, 0);
+    NNet net(args.model, "artifact_Detector", {"Identity"}, {128.0f, 128.0f, 128.0f}, 0, 0);
     net.get_target_dimen(conditions.input_height, conditions.input_width);
   }
   conditions.load_before = ad_bench::load_average();
@@ -116,7 +110,7 @@ int main(int argc, char** argv) {
 
   ad_bench::register_convert_benchmarks();
   ad_bench::register_repack_benchmarks();
-  ad_bench::register_execute_benchmarks(model);
+  ad_bench::register_execute_benchmarks(args.model);
   ad_bench::register_folder_benchmarks(std::max(conditions.input_width, conditions.input_height));
   ad_bench::CollectingReporter reporter(isatty(STDOUT_FILENO)
                                             ? benchmark::ConsoleReporter::OO_ColorTabular
@@ -126,19 +120,41 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
   ad_bench::Memory memory;
-  if (memory_frames > 0) {
-    console << "memory probe: " << memory_frames << " frames of NV21 4000x3000..." << std::endl;
-    memory = run_memory_probe(model, memory_frames);
+  if (args.memory_frames > 0) {
+    console << "memory probe: " << args.memory_frames << " frames of NV21 4000x3000..."
+            << std::endl;
+    memory = run_memory_probe(args.model, args.memory_frames);
   }
   conditions.load_after = ad_bench::load_average();
   conditions.seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return ad_bench::make_report(reporter.results(), memory, conditions);
+}
 
-  const std::string report = ad_bench::make_report(reporter.results(), memory, conditions);
+}  // namespace
+
+int main(int argc, char** argv) {
+  Args args = parse_args(argc, argv);
+  __android_log_set_logger(drop_log_line);
+  __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+  // Static: the detectors the benchmarks keep are destroyed after main returns and may still
+  // write through std::cout.
+  static NullBuffer null_buffer;
+  std::ostream console(std::cout.rdbuf());
+  std::cout.rdbuf(&null_buffer);
+  cv::setNumThreads(1);
+
+  if (args.probe_frames > 0) return ad_bench::memory_probe(args.model, args.probe_frames);
+
+  int rest_count = static_cast<int>(args.rest.size());
+  benchmark::Initialize(&rest_count, args.rest.data());
+  if (benchmark::ReportUnrecognizedArguments(rest_count, args.rest.data())) return 2;
+
+  const std::string report = run_benchmarks(args, console);
   console << "\n" << report << std::flush;
-  if (!report_path.empty()) {
-    ad_bench::write_report(report_path, report);
-    console << "written to " << report_path << std::endl;
+  if (!args.report_path.empty()) {
+    ad_bench::write_report(args.report_path, report);
+    console << "written to " << args.report_path << std::endl;
   }
   return 0;
 }

@@ -173,46 +173,23 @@ double ms_since(Clock::time_point& mark) {
   return ms;
 }
 
-// The stages as the detector runs them. Where the run shrinks the frame in one pass
-// (conversion, turning and resizing together), that pass is the "fused" stage.
+// The stages as the detector runs them: the frame to the network's size (conversion, turning
+// and resizing), then each step of the run.
 void stages(benchmark::State& state, const Case* c) {
   cv::setNumThreads(1);
   Stages& s = stage_runner();
   const Frame& f = frame_of(*c);
   char* bytes = reinterpret_cast<char*>(const_cast<unsigned char*>(f.bytes.data()));
   const cv::Size target(s.target_width, s.target_height);
+  const auto format = c->input == Input::Nv21 ? ArtifactDetector::NV21 : ArtifactDetector::RGBA;
   std::map<std::string, double> ms;
   for (auto _ : state) {
     Clock::time_point mark = Clock::now();
-    cv::Mat image;
-    if (c->input == Input::Nv21 &&
-        image_utils::shrink_upright_nv21(bytes, c->size.width, c->size.height, c->rotation, target,
-                                         image)) {
-      ms["fused"] = ms_since(mark);
-    } else {
-      if (c->input == Input::Nv21) {
-        image =
-            tqr_arm_neon::nv21_convert_rotate(bytes, c->size.width, c->size.height, c->rotation);
-        ms["convert"] = ms_since(mark);
-      } else if (c->input == Input::Rgba) {
-        image =
-            get_bgr_mat_from_buffer(bytes, c->size.width, c->size.height, ArtifactDetector::RGBA);
-        ms["convert"] = ms_since(mark);
-      } else {
-        image = f.image;
-      }
-      cv::Mat small;
-      if (image_utils::shrink_upright(image, c->input == Input::Nv21 ? 0 : c->rotation, target,
-                                      small)) {
-        image = small;
-        ms["fused"] = ms_since(mark);
-      } else {
-        image = rotate_image(image, c->rotation);
-        ms["rotate"] = ms_since(mark);
-        cv::resize(image, image, target, 0, 0, cv::INTER_AREA);
-        ms["resize"] = ms_since(mark);
-      }
-    }
+    cv::Mat image = c->input == Input::Mat
+                        ? image_utils::upright_at_size(f.image, target)
+                        : image_utils::upright_at_size(bytes, c->size.width, c->size.height,
+                                                       c->rotation, format, target);
+    ms["upright"] = ms_since(mark);
     std::vector<uchar> jpeg;
     cv::imencode(".jpg", image, jpeg, {cv::IMWRITE_JPEG_QUALITY, kJpegQuality});
     image = cv::imdecode(jpeg, cv::IMREAD_COLOR);
@@ -256,9 +233,11 @@ const std::vector<ExecuteCase>& execute_cases() {
 
 const std::vector<std::pair<std::string, std::string>>& stage_counters() {
   static const std::vector<std::pair<std::string, std::string>> counters{
-      {"convert", "conversion"},   {"rotate", "rotation"},      {"resize", "resize"},
-      {"fused", "one pass"},       {"jpeg", "JPEG round trip"}, {"colour", "colour check"},
-      {"forward", "forward pass"}, {"scoring", "scoring"}};
+      {"upright", "to network size"},
+      {"jpeg", "JPEG round trip"},
+      {"colour", "colour check"},
+      {"forward", "forward pass"},
+      {"scoring", "scoring"}};
   return counters;
 }
 

@@ -138,9 +138,9 @@ void execute_tables(std::ostream& os, const Table& t) {
   }
   os << "\n### Stages of a run, one thread\n\n"
      << "The run's calls made one by one and timed each (median per stage, milliseconds). "
-        "\"one pass\" is the frame shrunk to the network's size in one pass, turned (and, for "
-        "NV21, converted) on the way; the stages it replaces show \"-\". \"forward pass\" is "
-        "`NNet::forward_pass`: float conversion, statistics and the inference library's "
+        "\"to network size\" is the frame converted, turned and shrunk to the network's size "
+        "(`image_utils::upright_at_size`, one pass where the area kernels can). \"forward pass\" "
+        "is `NNet::forward_pass`: float conversion, statistics and the inference library's "
         "execute; \"scoring\" reads the output layer and applies the thresholds.\n\n"
      << "| input |";
   for (const auto& stage : stage_counters()) os << " " << stage.second << " |";

@@ -59,14 +59,11 @@ artifact_detector::Result run_file(Detector& detector, const std::string& path,
                             options.raw_height, options.rotation);
     return detector.detect(frame);
   }
-  FileRead file = read_regular_file(path, image_file_limit(options.max_pixels), false);
-  if (!file.error.empty()) throw std::runtime_error(file.error);
   DecodeLimits limits;
   limits.max_pixels = options.max_pixels;
   const cv::Size input = detector.input_size();
   limits.min_side = options.exact_decode ? 0 : 2 * std::max(input.width, input.height);
-  const Decoded decoded = decode_image(file.bytes, limits);
-  file.bytes = Bytes();
+  const Decoded decoded = read_image_file(path, limits);
   if (!decoded.error.empty()) throw std::runtime_error(decoded.error);
   if (!options.html.empty()) thumbnail = thumbnail_url(decoded.image, kThumbnailSide);
   return detector.detect(decoded.image);

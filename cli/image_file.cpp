@@ -7,7 +7,6 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <opencv2/imgcodecs.hpp>
 
@@ -294,6 +293,12 @@ Decoded decode_image(const Bytes& bytes, const DecodeLimits& limits) {
   }
   if (decoded.image.empty()) decoded.error = "cannot decode the image";
   return decoded;
+}
+
+Decoded read_image_file(const std::string& path, const DecodeLimits& limits) {
+  const FileRead file = read_regular_file(path, image_file_limit(limits.max_pixels), false);
+  if (!file.error.empty()) return {{}, file.error};
+  return decode_image(file.bytes, limits);
 }
 
 }  // namespace artifact_detect

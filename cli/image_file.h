@@ -1,5 +1,6 @@
-// Reading image files for artifact-detect and its benchmark: regular files only, the pixel
-// count read from the header before any decoding, large JPEGs decoded at a reduced scale.
+// Reading image files for artifact-detect, the Python module and the benchmark: regular files
+// only, the pixel count read from the header before any decoding, large JPEGs decoded at a
+// reduced scale.
 #pragma once
 
 #include <cstdint>
@@ -48,6 +49,10 @@ struct Decoded {
 
 // Checks the header's pixel count against the limit, then decodes (reduced where allowed).
 Decoded decode_image(const Bytes& bytes, const DecodeLimits& limits);
+
+// Reads `path` (a regular file no larger than an image within the pixel limit can be) and
+// decodes it as `decode_image` does; the file's bytes are gone before the image is handed back.
+Decoded read_image_file(const std::string& path, const DecodeLimits& limits);
 
 // The imread flags `decode_image` uses for a JPEG of `size`.
 int decode_flags(cv::Size size, const DecodeLimits& limits);

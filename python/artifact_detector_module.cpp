@@ -16,9 +16,8 @@
 #include <optional>
 #include <string>
 
-#include <opencv2/imgcodecs.hpp>
-
 #include "detector.h"
+#include "image_file.h"
 
 namespace py = pybind11;
 namespace fs = std::filesystem;
@@ -137,13 +136,15 @@ class PyDetector {
       PyErr_SetString(PyExc_FileNotFoundError, ("no such file: " + path.string()).c_str());
       throw py::error_already_set();
     }
-    cv::Mat image;
+    artifact_detect::Decoded decoded;
     {
       py::gil_scoped_release unlocked;
-      image = cv::imread(path.string(), cv::IMREAD_COLOR);
+      decoded = artifact_detect::read_image_file(path.string(), artifact_detect::DecodeLimits());
     }
-    if (image.empty()) throw py::value_error("not a readable image: " + path.string());
-    return run(Frame::image(image, rotation));
+    if (!decoded.error.empty()) {
+      throw py::value_error("not a readable image: " + path.string() + ": " + decoded.error);
+    }
+    return run(Frame::image(decoded.image, rotation));
   }
 
   Detector& detector() { return *detector_; }
@@ -167,21 +168,7 @@ std::string artifact_repr(const artifact_detector::Artifact& a) {
          ", probability=" + py::repr(py::float_(decimal(a.probability))).cast<std::string>() + ")";
 }
 
-}  // namespace
-
-PYBIND11_MODULE(artifact_detector, m) {
-  m.doc() =
-      "Which of eleven image artifacts a photograph or camera frame shows.\n\n"
-      "    import artifact_detector\n"
-      "    detector = artifact_detector.Detector()\n"
-      "    print(detector.detect_file('photo.jpg').artifacts)\n";
-  m.attr("__version__") = artifact_detector::version();
-  py::tuple names(artifact_detector::kClassCount);
-  for (int id = 1; id <= artifact_detector::kClassCount; ++id) {
-    names[id - 1] = artifact_detector::class_name(id);
-  }
-  m.attr("CLASS_NAMES") = names;
-
+void bind_results(py::module_& m) {
   py::class_<artifact_detector::Artifact>(m, "Artifact", "One accepted artifact.")
       .def_readonly("tag", &artifact_detector::Artifact::name)
       .def_readonly("id", &artifact_detector::Artifact::id, "class id, 1 to 11")
@@ -214,7 +201,9 @@ PYBIND11_MODULE(artifact_detector, m) {
         }
         return text + "])";
       });
+}
 
+void bind_detector(py::module_& m) {
   py::class_<PyDetector>(m, "Detector",
                          "A detector over one opened model. Raises RuntimeError when the model "
                          "does not open.")
@@ -230,7 +219,7 @@ PYBIND11_MODULE(artifact_detector, m) {
            py::arg("height"), py::arg("rotation") = 0,
            "Full-range NV21 bytes of a width x height frame (even sizes).")
       .def("detect_file", &PyDetector::detect_file, py::arg("path"), py::arg("rotation") = 0,
-           "An image file in any format OpenCV reads.")
+           "A JPEG, PNG, WebP, BMP, TIFF or PNM file.")
       .def_property_readonly("input_size",
                              [](PyDetector& d) {
                                const cv::Size s = d.detector().input_size();
@@ -258,4 +247,22 @@ PYBIND11_MODULE(artifact_detector, m) {
           "read_threshold_file",
           [](const fs::path& path) { return by_tag(Detector::read_threshold_file(path.string())); },
           py::arg("path"), "the entries of a threshold file; {} when it has none");
+}
+
+}  // namespace
+
+PYBIND11_MODULE(artifact_detector, m) {
+  m.doc() =
+      "Which of eleven image artifacts a photograph or camera frame shows.\n\n"
+      "    import artifact_detector\n"
+      "    detector = artifact_detector.Detector()\n"
+      "    print(detector.detect_file('photo.jpg').artifacts)\n";
+  m.attr("__version__") = artifact_detector::version();
+  py::tuple names(artifact_detector::kClassCount);
+  for (int id = 1; id <= artifact_detector::kClassCount; ++id) {
+    names[id - 1] = artifact_detector::class_name(id);
+  }
+  m.attr("CLASS_NAMES") = names;
+  bind_results(m);
+  bind_detector(m);
 }

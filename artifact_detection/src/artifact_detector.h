@@ -53,11 +53,7 @@
 
 #include <opencv2/core.hpp>
 
-#if defined(_WIN32)
-#define AD_EXPORT __declspec(dllexport)
-#else
-#define AD_EXPORT __attribute__((visibility("default")))
-#endif
+#include "artifact_detector_export.h"
 
 namespace artifact_detector {
 

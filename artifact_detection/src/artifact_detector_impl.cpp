@@ -1,7 +1,6 @@
 #include "artifact_detector_impl.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <exception>
@@ -9,10 +8,10 @@
 #include <utility>
 
 #include <opencv2/imgcodecs.hpp>
-#include <opencv2/imgproc.hpp>
 
 #include "core/net/NNet.h"
 #include "core/utils/logging.h"
+#include "core/utils/steady_clock.h"
 #include "utils/image_utils.h"
 #include "utils/sys_utils.h"
 
@@ -47,13 +46,21 @@ constexpr int kOtherBlurId = 11;
 constexpr float kMinScore = 0.01f;
 constexpr float kOtherBlurHigh = 0.6f;
 
-// Whole milliseconds between two steady-clock readings, each truncated first.
-long long elapsed_ms(std::chrono::steady_clock::time_point from,
-                     std::chrono::steady_clock::time_point to) {
-  using std::chrono::duration_cast;
-  using std::chrono::milliseconds;
-  return static_cast<long long>(duration_cast<milliseconds>(to.time_since_epoch()).count() -
-                                duration_cast<milliseconds>(from.time_since_epoch()).count());
+// The network was trained on JPEG-like input, so every frame passes through it once; where
+// that fails the image goes on as it is.
+void jpeg_round_trip(cv::Mat& image) {
+  std::vector<uchar> jpeg;
+  if (!cv::imencode(".jpg", image, jpeg, {cv::IMWRITE_JPEG_QUALITY, kJpegQuality})) {
+    AD_LOGV("Error: Failed to compress image.");
+    return;
+  }
+  AD_LOGV("Compressed buffer size: %d bytes", static_cast<int>(jpeg.size()));
+  cv::Mat decoded = cv::imdecode(jpeg, cv::IMREAD_COLOR);
+  if (decoded.empty()) {
+    AD_LOGV("Error: Failed to decode buffer.");
+  } else {
+    image = decoded;
+  }
 }
 
 int32_t compute_unit_code(const std::string& model_type) {
@@ -184,42 +191,27 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
   }
   const std::shared_ptr<NNet> session = std::atomic_load(&nnet);
   session->get_target_dimen(target_height, target_width);
-
-  const auto t0 = std::chrono::steady_clock::now();
-  // Where it can, the frame goes straight to the network's size, turned and (NV21) converted
-  // on the way: the upright full-size image is never made, and the small image has the bytes
-  // that turning and then resizing would give. `upright` is the size that image would have.
   const cv::Size target(target_width, target_height);
-  cv::Mat image;
-  cv::Size upright;
-  bool shrunk = false;
-  if (image_format == ArtifactDetector::NV21) {
+
+  const bool nv21 = image_format == ArtifactDetector::NV21;
+  if (nv21) {
     AD_LOG_INFO << "TQ Debug: pre-processing image, with tqr_arm_neon::nv21_convert_rotate()";
-    shrunk = image_utils::shrink_upright_nv21(buffer, width, height, image_rotation, target, image);
-    if (!shrunk) image = tqr_arm_neon::nv21_convert_rotate(buffer, width, height, image_rotation);
-    upright = shrunk ? image_utils::upright_size(width, height, image_rotation) : image.size();
-    AD_LOG_INFO << "TQ Debug: pre-processing image(nv21): time taken: "
-                << elapsed_ms(t0, std::chrono::steady_clock::now()) << "ms";
-  } else {
-    image = get_bgr_mat_from_buffer(buffer, width, height, image_format);
-    AD_LOG_INFO << "Rotation parameter being set to: " << image_rotation;
-    cv::Mat small;
-    shrunk = image_utils::shrink_upright(image, image_rotation, target, small);
-    if (shrunk) {
-      upright = image_utils::upright_size(image.cols, image.rows, image_rotation);
-      image = small;
-    } else {
-      image = rotate_image(std::move(image), image_rotation);
-      upright = image.size();
-    }
   }
-  const auto t1 = std::chrono::steady_clock::now();
+  const int64_t t0 = steady_ms();
+  cv::Mat image =
+      image_utils::upright_at_size(buffer, width, height, image_rotation, image_format, target);
+  const int64_t t1 = steady_ms();
+  if (nv21) {
+    AD_LOG_INFO << "TQ Debug: pre-processing image(nv21): time taken: " << t1 - t0 << "ms";
+  } else {
+    AD_LOG_INFO << "Rotation parameter being set to: " << image_rotation;
+  }
+  const cv::Size upright = image_utils::upright_size(width, height, image_rotation);
   AD_LOG_INFO << "TQ Debug: NV21 Artifact Detector Pre-Process : width: " << upright.width << " "
               << " height: " << upright.height << " channels: " << image.channels()
               << " target_width: " << target_width << "target_height: " << target_height;
-  AD_LOG_INFO << "TQ Debug: Artifact Detector Pre-Process : time taken: " << elapsed_ms(t0, t1)
-              << " ms";
-  return run_pipeline(session, std::move(image), target_height, target_width, true, shrunk);
+  AD_LOG_INFO << "TQ Debug: Artifact Detector Pre-Process : time taken: " << t1 - t0 << " ms";
+  return run_pipeline(session, std::move(image), target, true);
 }
 
 bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
@@ -236,44 +228,21 @@ bool ArtifactDetectorImpl::execute(cv::Mat image, int) {
   session->get_target_dimen(target_height, target_width);
   AD_LOGV("TQ Debug: image :  width: %d height : %d channels : %d ", image.cols, image.rows,
           image.channels());
-  return run_pipeline(session, std::move(image), target_height, target_width, false, false);
+  const cv::Size target(target_width, target_height);
+  return run_pipeline(session, image_utils::upright_at_size(std::move(image), target), target,
+                      false);
 }
 
 bool ArtifactDetectorImpl::run_pipeline(const std::shared_ptr<NNet>& session, cv::Mat image,
-                                        int target_height, int target_width, bool log_copy_details,
-                                        bool resized) {
-  // A session that never opened has no input size; it could not run anyway, and resizing
-  // to nothing would throw out of the caller's frame callback.
+                                        cv::Size target, bool log_copy_details) {
+  // A session that never opened has no input size; it could not run anyway.
   last_run = RunOutcome::kFailed;
-  if (target_width <= 0 || target_height <= 0) {
+  if (target.width <= 0 || target.height <= 0) {
     AD_LOG_INFO << "TQ Debug: artifact_detector Forward Pass Failed";
     return false;
   }
-  // Resizing replaces the header's pixels; the caller's buffer is never written.
-  if (!resized) {
-    const cv::Size target(target_width, target_height);
-    cv::Mat small;
-    if (image_utils::shrink_upright(image, 0, target, small)) {
-      image = small;
-    } else {
-      cv::resize(image, image, target, 0, 0, cv::INTER_AREA);
-    }
-  }
 
-  // The network was trained on JPEG-like input, so every frame passes through it once.
-  std::vector<uchar> jpeg;
-  if (!cv::imencode(".jpg", image, jpeg, {cv::IMWRITE_JPEG_QUALITY, kJpegQuality})) {
-    AD_LOGV("Error: Failed to compress image.");
-  } else {
-    AD_LOGV("Compressed buffer size: %d bytes", static_cast<int>(jpeg.size()));
-    cv::Mat decoded = cv::imdecode(jpeg, cv::IMREAD_COLOR);
-    if (decoded.empty()) {
-      AD_LOGV("Error: Failed to decode buffer.");
-    } else {
-      image = decoded;
-    }
-  }
-
+  jpeg_round_trip(image);
   if (checkSimilarColor(image)) {
     AD_LOG_INFO << "returning from same color image detection";
     last_run = RunOutcome::kUniform;

@@ -73,10 +73,10 @@ class ArtifactDetectorImpl {
   bool mild_blur() const { return mild_blur_found; }
 
  private:
-  // `resized`: the image already has the network's size, made by the area kernels. `session`
-  // is the run's own reference: an initialize meanwhile replaces the engine's, not this one.
-  bool run_pipeline(const std::shared_ptr<NNet>& session, cv::Mat image, int target_height,
-                    int target_width, bool log_copy_details, bool resized);
+  // `image` is upright at `target`, the network's size. `session` is the run's own
+  // reference: an initialize meanwhile replaces the engine's, not this one.
+  bool run_pipeline(const std::shared_ptr<NNet>& session, cv::Mat image, cv::Size target,
+                    bool log_copy_details);
   std::string class_name(int id) const;
 
   std::vector<ArtifactInfo> result_artifacts;

@@ -1,6 +1,5 @@
 #include "artifact_detector_jni.h"
 
-#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -9,8 +8,10 @@
 
 #include "core/utils/failure.h"
 #include "core/utils/logging.h"
+#include "core/utils/steady_clock.h"
 
 using artifact_detector::ArtifactDetector;
+using artifact_detector::steady_ms;
 
 extern "C" {
 JavaVM* jvm = nullptr;
@@ -24,13 +25,6 @@ constexpr const char* kLongSignature = "J";
 
 // Only mode 0 addresses the detector kept in the managed object.
 constexpr jint kStoredDetectorMode = 0;
-
-// Steady-clock reading in whole milliseconds; differences of two readings are the timings.
-int64_t now_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 // Raises the Java exception for the C++ one being handled: IllegalArgumentException when the
 // arguments were refused, RuntimeException otherwise; a Java exception already pending (from
@@ -134,12 +128,12 @@ JNIEXPORT jboolean JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector
     }
     if (!reused) env->GetJavaVM(&jvm);
 
-    const int64_t start = now_ms();
+    const int64_t start = steady_ms();
     const StringUtfChars path(env, model_path);
     main_obj = env->NewGlobalRef(thiz);
     const bool ok = detector->initialize(static_cast<ArtifactDetector::Mode>(mode),
                                          const_cast<char*>(path.get()));
-    AD_LOG_INFO << "TQ Debug: Time taken for initialization: " << (now_ms() - start) << " ms";
+    AD_LOG_INFO << "TQ Debug: Time taken for initialization: " << (steady_ms() - start) << " ms";
     return ok ? JNI_TRUE : JNI_FALSE;
   });
 }
@@ -153,12 +147,12 @@ Java_tessaroven_pkd_artifactdetector_ArtifactDetector_executeWithBtyeArrayJNI(
         mode == kStoredDetectorMode ? get_artifact_detector_reference(env, thiz) : nullptr;
 
     const ByteArrayElements bytes(env, image);
-    const int64_t start = now_ms();
+    const int64_t start = steady_ms();
     // A view of the managed bytes; the detector copies what it keeps.
     const cv::Mat bgr(height, width, CV_8UC3, bytes.get());
     const bool ok = detector != nullptr && detector->execute(bgr, rotation);
     AD_LOG_INFO << "TQ Debug: Time taken for exexecuteWithBtyeArrayJNI execution: "
-                << (now_ms() - start) << " ms";
+                << (steady_ms() - start) << " ms";
     return ok ? JNI_TRUE : JNI_FALSE;
   });
 }
@@ -168,7 +162,7 @@ JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_
   return answer_or_throw(env, jstring{nullptr}, [&]() -> jstring {
     if (mode != kStoredDetectorMode) return env->NewStringUTF("");
     ArtifactDetector* detector = get_artifact_detector_reference(env, thiz);
-    const int64_t start = now_ms();
+    const int64_t start = steady_ms();
     if (detector == nullptr) return env->NewStringUTF("");
 
   const int count = detector->get_total_artifact_count();
@@ -176,7 +170,7 @@ JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_
   if (!detector->get_artifact_info(records.data())) return env->NewStringUTF("");
   const std::string json = convert_artifact_info_to_json_string(records.data(), count);
 
-    AD_LOG_INFO << "TQ Debug: Time taken for result-extraction1: " << (now_ms() - start) << " ms";
+    AD_LOG_INFO << "TQ Debug: Time taken for result-extraction1: " << (steady_ms() - start) << " ms";
     AD_LOG_INFO << "TQ Debug: Artifact Info :" << json;
     return env->NewStringUTF(json.c_str());
   });
@@ -185,12 +179,12 @@ JNIEXPORT jstring JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_
 JNIEXPORT void JNICALL Java_tessaroven_pkd_artifactdetector_ArtifactDetector_releaseJNI(
     JNIEnv* env, jobject thiz, jint mode) {
   answer_or_throw(env, 0, [&] {
-    const int64_t start = now_ms();
+    const int64_t start = steady_ms();
     if (mode == kStoredDetectorMode) {
       // The field keeps the stale address: the managed side must not release twice.
       ArtifactDetector::Destroy(get_artifact_detector_reference(env, thiz));
     }
-    AD_LOG_INFO << "TQ Debug: Time taken for release: " << (now_ms() - start) << " ms";
+    AD_LOG_INFO << "TQ Debug: Time taken for release: " << (steady_ms() - start) << " ms";
     return 0;
   });
 }

@@ -21,11 +21,7 @@
 #ifndef ARTIFACT_DETECTOR_WRAPPER_H_
 #define ARTIFACT_DETECTOR_WRAPPER_H_
 
-#if defined(_WIN32)
-#define AD_WRAPPER_EXPORT __declspec(dllexport)
-#else
-#define AD_WRAPPER_EXPORT __attribute__((visibility("default")))
-#endif
+#include "artifact_detector_export.h"
 
 #ifdef __cplusplus
 
@@ -55,27 +51,27 @@ typedef struct Artifact_Info {
 #endif
 
 /* A new, uninitialised detector; null when it could not be created. */
-AD_WRAPPER_EXPORT ArtifactDetectorWrapper* ArtifactDetectorWrapper_create(void);
-AD_WRAPPER_EXPORT void ArtifactDetectorWrapper_destroy(ArtifactDetectorWrapper* handle);
+AD_EXPORT ArtifactDetectorWrapper* ArtifactDetectorWrapper_create(void);
+AD_EXPORT void ArtifactDetectorWrapper_destroy(ArtifactDetectorWrapper* handle);
 /* `model_path`: the directory that holds the model directories. `mode` is ignored. */
-AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_Initialize(ArtifactDetectorWrapper* handle, int mode,
+AD_EXPORT bool ArtifactDetectorWrapper_Initialize(ArtifactDetectorWrapper* handle, int mode,
                                                           const char* model_path);
-AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_execute(ArtifactDetectorWrapper* handle,
+AD_EXPORT bool ArtifactDetectorWrapper_execute(ArtifactDetectorWrapper* handle,
                                                        char* buffer, int width, int height,
                                                        int rotation, int64_t format_word);
 /* As ArtifactDetectorWrapper_execute; `image_name` is never read. */
-AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_execute_with_image_name(
+AD_EXPORT bool ArtifactDetectorWrapper_execute_with_image_name(
     ArtifactDetectorWrapper* handle, char* buffer, int width, int height, int rotation,
     int64_t format_word, char* image_name);
 /* Fills as many records as the last run accepted. Always true. */
-AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_get_artifact_info(ArtifactDetectorWrapper* handle,
+AD_EXPORT bool ArtifactDetectorWrapper_get_artifact_info(ArtifactDetectorWrapper* handle,
                                                                  Artifact_Info* info);
 
 #ifdef __cplusplus
 } /* extern "C" */
 
 /* Outside extern "C" on purpose: existing callers link against the type-encoded name. */
-AD_WRAPPER_EXPORT bool ArtifactDetectorWrapper_get_total_artifact_count(
+AD_EXPORT bool ArtifactDetectorWrapper_get_total_artifact_count(
     ArtifactDetectorWrapper* handle);
 
 #elif defined(__GNUC__)

@@ -37,9 +37,8 @@
 #include <string>
 #include <vector>
 
+#include "artifact_detector_export.h"
 #include "artifact_detector_version.h"
-
-#define AD_DETECTOR_EXPORT __attribute__((visibility("default")))
 
 namespace artifact_detector {
 
@@ -47,10 +46,10 @@ namespace artifact_detector {
 constexpr int kClassCount = 11;
 
 // "Reflection" for 1 ... "OtherBlur" for 11; "" for any other id. Static storage.
-AD_DETECTOR_EXPORT const char* class_name(int id);
+AD_EXPORT const char* class_name(int id);
 
 // The running library's version text, as artifact_detector_version().
-AD_DETECTOR_EXPORT const char* version();
+AD_EXPORT const char* version();
 
 enum class PixelFormat : int32_t {
   kNv21 = 0,       // planes[0] Y; planes[1] interleaved V,U (half height)
@@ -145,7 +144,7 @@ enum class Status : int32_t {
 };
 
 // "analysed", "uniform frame", "not ready", "invalid input", "failed". Static storage.
-AD_DETECTOR_EXPORT const char* status_name(Status status);
+AD_EXPORT const char* status_name(Status status);
 
 struct Artifact {
   int32_t id = 0;  // 1 .. kClassCount
@@ -170,7 +169,7 @@ struct Options {
   int32_t log_priority = 3;  // ANDROID_LOG_DEBUG
 };
 
-class AD_DETECTOR_EXPORT Detector {
+class AD_EXPORT Detector {
  public:
   // Opens the model under `models_dir`, the folder that holds "artifact_detector/" (a
   // trailing '/' is optional; empty: the device's model folders). Never null; a detector

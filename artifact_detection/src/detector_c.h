@@ -19,9 +19,8 @@
 
 #include <stdint.h>
 
+#include "artifact_detector_export.h"
 #include "artifact_detector_version.h"
-
-#define AD_C_EXPORT __attribute__((visibility("default")))
 
 #ifdef __cplusplus
 extern "C" {
@@ -94,33 +93,33 @@ typedef struct ad_result {
 } ad_result;
 
 /* "analysed", "uniform frame", ... for an AD_STATUS_* value; "" for others. */
-AD_C_EXPORT const char* ad_status_name(int32_t status);
+AD_EXPORT const char* ad_status_name(int32_t status);
 
 /* Creates a detector over `models_dir` (NULL or "": the device's model folders). `options`
  * may be NULL (quiet, debug priority). On AD_OK or AD_ERROR_NOT_READY `*out` holds a handle
  * to destroy; ad_detector_error tells why it is not ready. On other errors `*out` is NULL. */
-AD_C_EXPORT ad_error ad_detector_create(const char* models_dir, const ad_options* options,
+AD_EXPORT ad_error ad_detector_create(const char* models_dir, const ad_options* options,
                                         ad_detector** out);
 /* NULL is a no-op. */
-AD_C_EXPORT void ad_detector_destroy(ad_detector* detector);
+AD_EXPORT void ad_detector_destroy(ad_detector* detector);
 
 /* 1 when the model opened, else 0 (also for NULL). */
-AD_C_EXPORT int ad_detector_is_ready(const ad_detector* detector);
+AD_EXPORT int ad_detector_is_ready(const ad_detector* detector);
 /* Why the detector is not ready; "" when it is. Valid while the handle lives. */
-AD_C_EXPORT const char* ad_detector_error(const ad_detector* detector);
+AD_EXPORT const char* ad_detector_error(const ad_detector* detector);
 /* The network's input size; 0 x 0 when not ready. */
-AD_C_EXPORT ad_error ad_detector_input_size(const ad_detector* detector, int32_t* width,
+AD_EXPORT ad_error ad_detector_input_size(const ad_detector* detector, int32_t* width,
                                             int32_t* height);
 
 /* Runs one frame into `*result`. AD_OK whenever the result was written: the frame's own
  * outcome (not ready, invalid input, ...) is in result->status. */
-AD_C_EXPORT ad_error ad_detector_detect(ad_detector* detector, const ad_frame* frame,
+AD_EXPORT ad_error ad_detector_detect(ad_detector* detector, const ad_frame* frame,
                                         ad_result* result);
 
 /* Threshold of class `id`; *present is 0 (and *threshold 0) when the class has none. */
-AD_C_EXPORT ad_error ad_detector_get_threshold(const ad_detector* detector, int32_t id,
+AD_EXPORT ad_error ad_detector_get_threshold(const ad_detector* detector, int32_t id,
                                                float* threshold, int32_t* present);
-AD_C_EXPORT ad_error ad_detector_set_threshold(ad_detector* detector, int32_t id, float threshold);
+AD_EXPORT ad_error ad_detector_set_threshold(ad_detector* detector, int32_t id, float threshold);
 
 #ifdef __cplusplus
 }

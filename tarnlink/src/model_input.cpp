@@ -167,62 +167,72 @@ bool malformed(std::string& error) {
   return false;
 }
 
+// What a TensorProto says of itself.
+struct TensorFields {
+  std::string name;
+  std::vector<uint64_t> dims;
+  uint64_t data_type = 0, raw_bytes = 0, values = 0, location = 0;
+  bool raw = false;
+};
+
+// False when the message or one of its packed lists is malformed.
+bool read_tensor(ProtoFields tensor, TensorFields& t) {
+  while (tensor.next()) {
+    const uint32_t field = tensor.number();
+    const bool packed = tensor.wire() == kLengthDelimited;
+    if (field == kTensorName && packed) {
+      t.name = tensor.text();
+    } else if (field == kTensorDims) {
+      uint64_t unused = 0;
+      if (packed) {
+        if (!unpack_varints(tensor, unused, &t.dims)) return false;
+      } else if (tensor.wire() == kVarint) {
+        t.dims.push_back(tensor.varint());
+      }
+    } else if (field == kTensorDataType && tensor.wire() == kVarint) {
+      t.data_type = tensor.varint();
+    } else if (field == kTensorRawData && packed) {
+      t.raw = true;
+      t.raw_bytes += tensor.varint();
+    } else if (field == kTensorDataLocation && tensor.wire() == kVarint) {
+      t.location = tensor.varint();
+    } else if (field == kTensorStringData && packed) {
+      ++t.values;
+    } else if (field == kTensorFloatData || field == kTensorDoubleData) {
+      const uint64_t width = field == kTensorFloatData ? 4 : 8;
+      if (packed && tensor.varint() % width != 0) return false;
+      t.values +=
+          packed ? tensor.varint() / width : tensor.wire() == (width == 4 ? kFixed32 : kFixed64);
+    } else if (field == kTensorInt32Data || field == kTensorInt64Data ||
+               field == kTensorUint64Data) {
+      if (!packed) {
+        t.values += tensor.wire() == kVarint;
+      } else if (!unpack_varints(tensor, t.values, nullptr)) {
+        return false;
+      }
+    }
+  }
+  return tensor.ok();
+}
+
 // One TensorProto (an initializer or a constant): the data it stores must be exactly what its
 // dimensions declare. OpenCV's importer trusts the dimensions and reads past short data.
 // `limit` bounds any honest element count (every stored element takes at least one byte).
 bool check_tensor(ProtoFields tensor, uint64_t limit, std::set<std::string>& names,
                   std::string& error) {
-  std::string name;
-  std::vector<uint64_t> dims;
-  uint64_t data_type = 0, raw_bytes = 0, values = 0, location = 0;
-  bool raw = false;
-  while (tensor.next()) {
-    const uint32_t field = tensor.number();
-    const bool packed = tensor.wire() == kLengthDelimited;
-    if (field == kTensorName && packed) {
-      name = tensor.text();
-    } else if (field == kTensorDims) {
-      uint64_t unused = 0;
-      if (packed) {
-        if (!unpack_varints(tensor, unused, &dims)) return malformed(error);
-      } else if (tensor.wire() == kVarint) {
-        dims.push_back(tensor.varint());
-      }
-    } else if (field == kTensorDataType && tensor.wire() == kVarint) {
-      data_type = tensor.varint();
-    } else if (field == kTensorRawData && packed) {
-      raw = true;
-      raw_bytes += tensor.varint();
-    } else if (field == kTensorDataLocation && tensor.wire() == kVarint) {
-      location = tensor.varint();
-    } else if (field == kTensorStringData && packed) {
-      ++values;
-    } else if (field == kTensorFloatData || field == kTensorDoubleData) {
-      const uint64_t width = field == kTensorFloatData ? 4 : 8;
-      if (packed && tensor.varint() % width != 0) return malformed(error);
-      values +=
-          packed ? tensor.varint() / width : tensor.wire() == (width == 4 ? kFixed32 : kFixed64);
-    } else if (field == kTensorInt32Data || field == kTensorInt64Data ||
-               field == kTensorUint64Data) {
-      if (!packed) {
-        values += tensor.wire() == kVarint;
-      } else if (!unpack_varints(tensor, values, nullptr)) {
-        return malformed(error);
-      }
-    }
-  }
-  if (!tensor.ok()) return malformed(error);
-  names.insert(name);
-  const std::string what = "initializer '" + name + "'";
-  if (location != 0) {
+  TensorFields t;
+  if (!read_tensor(tensor, t)) return malformed(error);
+  names.insert(t.name);
+  const std::string what = "initializer '" + t.name + "'";
+  if (t.location != 0) {
     error = what + " keeps its data outside the model file";
     return false;
   }
   uint64_t count = 1;  // a tensor without dimensions is a scalar
-  for (uint64_t dim : dims) {
+  for (uint64_t dim : t.dims) {
     if (dim == 0) count = 0;
   }
-  for (uint64_t dim : dims) {
+  for (uint64_t dim : t.dims) {
     if (count == 0) break;
     if (dim > limit || count > limit / dim) {
       error = what + " declares more values than the model file can hold";
@@ -230,19 +240,19 @@ bool check_tensor(ProtoFields tensor, uint64_t limit, std::set<std::string>& nam
     }
     count *= dim;
   }
-  const uint64_t size = element_size(data_type);
-  if (raw && values != 0) {
+  const uint64_t size = element_size(t.data_type);
+  if (t.raw && t.values != 0) {
     error = what + " stores its data twice";
     return false;
   }
-  if (raw && size == 0) {
-    error = what + " has raw data of an unknown type " + std::to_string(data_type);
+  if (t.raw && size == 0) {
+    error = what + " has raw data of an unknown type " + std::to_string(t.data_type);
     return false;
   }
-  if (raw ? raw_bytes != count * size : values != count) {
-    error = what + " holds " + std::to_string(raw ? raw_bytes : values) +
-            (raw ? " bytes" : " values") + " where its dimensions need " +
-            std::to_string(raw ? count * size : count);
+  if (t.raw ? t.raw_bytes != count * size : t.values != count) {
+    error = what + " holds " + std::to_string(t.raw ? t.raw_bytes : t.values) +
+            (t.raw ? " bytes" : " values") + " where its dimensions need " +
+            std::to_string(t.raw ? count * size : count);
     return false;
   }
   return true;
@@ -403,6 +413,25 @@ struct PrototxtScan {
   std::vector<LayerScan> input_layers;
 };
 
+// One "key: value" inside the open `blocks`.
+void take_value(const std::vector<std::string>& blocks, const std::string& token,
+                const std::string& value, PrototxtScan& scan, LayerScan& layer) {
+  int64_t dim = 0;
+  if (blocks.empty()) {
+    if (token == "input") scan.top_inputs.push_back(value);
+    if (token == "input_dim" && parse_dim(value, dim)) scan.top_input_dims.push_back(dim);
+  } else if (blocks.size() == 1 && blocks[0] == "input_shape" && token == "dim") {
+    if (parse_dim(value, dim)) scan.top_shapes.back().push_back(dim);
+  } else if (blocks.size() == 1 && blocks[0] == "layer") {
+    if (token == "type" && value == "Input") layer.is_input = true;
+    if (token == "name") layer.name = value;
+    if (token == "top" && layer.tops++ == 0) layer.top = value;
+  } else if (blocks.size() == 3 && blocks[0] == "layer" && blocks[1] == "input_param" &&
+             blocks[2] == "shape" && token == "dim" && layer.shapes == 1) {
+    if (parse_dim(value, dim)) layer.dims.push_back(dim);
+  }
+}
+
 // Walks the tokens of a network description; false, with `error`, where it is malformed.
 bool scan_prototxt(const std::vector<std::string>& tokens, PrototxtScan& scan, std::string& error) {
   std::vector<std::string> blocks;  // names of the open blocks, outermost first
@@ -440,22 +469,8 @@ bool scan_prototxt(const std::vector<std::string>& tokens, PrototxtScan& scan, s
       error = "expected ':' after " + token;
       return false;
     }
-    const std::string value = unquote(tokens[next]);
+    take_value(blocks, token, unquote(tokens[next]), scan, layer);
     i = next;
-    int64_t dim = 0;
-    if (blocks.empty()) {
-      if (token == "input") scan.top_inputs.push_back(value);
-      if (token == "input_dim" && parse_dim(value, dim)) scan.top_input_dims.push_back(dim);
-    } else if (blocks.size() == 1 && blocks[0] == "input_shape" && token == "dim") {
-      if (parse_dim(value, dim)) scan.top_shapes.back().push_back(dim);
-    } else if (blocks.size() == 1 && blocks[0] == "layer") {
-      if (token == "type" && value == "Input") layer.is_input = true;
-      if (token == "name") layer.name = value;
-      if (token == "top" && layer.tops++ == 0) layer.top = value;
-    } else if (blocks.size() == 3 && blocks[0] == "layer" && blocks[1] == "input_param" &&
-               blocks[2] == "shape" && token == "dim" && layer.shapes == 1) {
-      if (parse_dim(value, dim)) layer.dims.push_back(dim);
-    }
   }
   if (!blocks.empty()) {
     error = "unbalanced braces";

@@ -82,6 +82,37 @@ bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, 
                 out);
 }
 
+namespace {
+
+// The area kernels declined these sizes, so cv::resize would not average by area either.
+cv::Mat resize_declined(cv::Mat upright, cv::Size size) {
+  if (size.width > 0 && size.height > 0) {
+    cv::resize(upright, upright, size, 0, 0, cv::INTER_AREA);
+  }
+  return upright;
+}
+
+}  // namespace
+
+cv::Mat upright_at_size(char* buffer, int width, int height, int rotation, ImageFormat format,
+                        cv::Size size) {
+  cv::Mat small;
+  if (format == ImageFormat::NV21) {
+    if (shrink_upright_nv21(buffer, width, height, rotation, size, small)) return small;
+    return resize_declined(tqr_arm_neon::nv21_convert_rotate(buffer, width, height, rotation),
+                           size);
+  }
+  cv::Mat frame = get_bgr_mat_from_buffer(buffer, width, height, format);
+  if (shrink_upright(frame, rotation, size, small)) return small;
+  return resize_declined(rotate_image(std::move(frame), rotation), size);
+}
+
+cv::Mat upright_at_size(cv::Mat upright, cv::Size size) {
+  cv::Mat small;
+  if (shrink_upright(upright, 0, size, small)) return small;
+  return resize_declined(std::move(upright), size);
+}
+
 }  // namespace image_utils
 
 cv::Mat get_bgr_mat_from_buffer(char* buffer, int width, int height, ImageFormat format) {

@@ -70,6 +70,16 @@ bool shrink_upright(const cv::Mat& frame, int rotation, cv::Size size, cv::Mat& 
 bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, cv::Size size,
                          cv::Mat& out);
 
+// The caller's frame upright at `size`, the network's input size: in one pass where the area
+// kernels can, else converted (get_bgr_mat_from_buffer, or nv21_convert_rotate for NV21),
+// turned and resized with cv::resize's INTER_AREA. A `size` without pixels leaves the upright
+// frame at its own size.
+cv::Mat upright_at_size(char* buffer, int width, int height, int rotation,
+                        artifact_detector::ArtifactDetector::ImageFormat format, cv::Size size);
+
+// The same for an image that is already upright.
+cv::Mat upright_at_size(cv::Mat upright, cv::Size size);
+
 // Columns x rows of a `width` x `height` frame once rotate_image has turned it.
 cv::Size upright_size(int width, int height, int rotation);
 

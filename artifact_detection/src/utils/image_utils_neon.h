@@ -6,9 +6,7 @@
 // y/2, byte 2*(x/2). Width and height must be even; nothing is checked.
 #pragma once
 
-#ifndef AD_EXPORT
-#define AD_EXPORT __attribute__((visibility("default")))
-#endif
+#include "artifact_detector_export.h"
 
 namespace tqr_arm_neon {
 

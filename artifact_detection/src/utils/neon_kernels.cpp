@@ -531,18 +531,20 @@ inline void widen_planes(const Planes& p, Quads px[kBgrBytes]) {
   for (int ch = 0; ch < kBgrBytes; ++ch) px[ch] = in_order(p.c[ch]);
 }
 
-// B,G,R frame turned 90 (clockwise) or 270: the pass's rows are frame columns, contiguous.
-struct QuarterTurnBgr {
+// A pass over a B,G,R frame: `lanes` upright rows from `r0`, widened into `px`.
+struct BgrPass {
   const unsigned char* src;
   std::ptrdiff_t step;
   int width, height, r0, lanes;
-  bool clockwise;
   const int* lane_rows = kInOrderRows;
-  Quads px[kBgrBytes];
+  Quads px[kBgrBytes] = {};
+};
 
-  QuarterTurnBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row,
-                 int n, bool cw)
-      : src(pixels), step(row_step), width(w), height(h), r0(first_row), lanes(n), clockwise(cw) {}
+// B,G,R frame turned 90 (clockwise) or 270: the pass's rows are frame columns, contiguous.
+struct QuarterTurnBgr : BgrPass {
+  bool clockwise;
+
+  QuarterTurnBgr(const BgrPass& pass, bool cw) : BgrPass(pass), clockwise(cw) {}
 
   const Quads* column(int c) {
     Planes p;
@@ -561,25 +563,12 @@ struct QuarterTurnBgr {
 
 // B,G,R frame upright or turned 180: the pass's rows are frame rows, read in 16x16 tiles and
 // transposed.
-struct TiledBgr {
-  const unsigned char* src;
-  std::ptrdiff_t step;
-  int width, height, r0, lanes;
+struct TiledBgr : BgrPass {
   bool half_turn;
-  const int* lane_rows = kInOrderRows;
   Planes tile[kBlock];
   int tile_start = -1;
-  Quads px[kBgrBytes];
 
-  TiledBgr(const unsigned char* pixels, std::ptrdiff_t row_step, int w, int h, int first_row, int n,
-           bool half)
-      : src(pixels),
-        step(row_step),
-        width(w),
-        height(h),
-        r0(first_row),
-        lanes(n),
-        half_turn(half) {}
+  TiledBgr(const BgrPass& pass, bool half) : BgrPass(pass), half_turn(half) {}
 
   // Frame position of upright (r0 + l, c).
   const unsigned char* at(int l, int c) const {
@@ -704,17 +693,17 @@ void area(const AreaJob& job) {
       const int lanes = std::min(kBlock, upright_rows - r0);
       const int y0 = half ? f.height - r0 - lanes : r0;
       convert_rows(f, y0, y0 + lanes, strip.data(), strip_step);
-      TiledBgr fetch(strip.data(), strip_step, f.width, lanes, 0, lanes, half);
+      TiledBgr fetch({strip.data(), strip_step, f.width, lanes, 0, lanes}, half);
       run_pass(fetch, job, r0, lanes, s, v);
     }
   } else {
     for (int r0 = 0; r0 < upright_rows; r0 += kBlock) {
       const int lanes = std::min(kBlock, upright_rows - r0);
       if (quarter) {
-        QuarterTurnBgr fetch(job.src, job.step, job.width, job.height, r0, lanes, clockwise);
+        QuarterTurnBgr fetch({job.src, job.step, job.width, job.height, r0, lanes}, clockwise);
         run_pass(fetch, job, r0, lanes, s, v);
       } else {
-        TiledBgr fetch(job.src, job.step, job.width, job.height, r0, lanes, job.rotation == 180);
+        TiledBgr fetch({job.src, job.step, job.width, job.height, r0, lanes}, job.rotation == 180);
         run_pass(fetch, job, r0, lanes, s, v);
       }
     }

@@ -54,70 +54,69 @@ struct ZEPHInterface {
 // Input format codes of TarnWrapper_execute.
 enum TarnInputFormat : int { TARN_INPUT_3_CHANNELS = 1, TARN_INPUT_4_CHANNELS = 2 };
 
+// Each operation is followed by its pointer type, for casting what dlsym returns.
 extern "C" {
 
 // New session, null on failure.
 InferenceSession TarnWrapper_create(void);
+using TarnWrapper_create_t = decltype(&TarnWrapper_create);
 
 // Opens the model of `module` installed under `models_base_dir` (a directory ending in "/").
 bool TarnWrapper_openDLModel(InferenceSession session, const char* models_base_dir,
                              const char* module, const char** output_layer_names,
                              size_t output_layer_count, int compute_unit, int precision);
+using TarnWrapper_openDLModel_t = decltype(&TarnWrapper_openDLModel);
 
 // Opens the model file at `model_path`.
 bool TarnWrapper_openDLModel_direct(InferenceSession session, const char* model_path,
                                     const char** output_layer_names, size_t output_layer_count,
                                     int compute_unit, int precision);
+using TarnWrapper_openDLModel_direct_t = decltype(&TarnWrapper_openDLModel_direct);
 
 // As the direct open, tuned for latency. Never called by the detector.
 bool TarnWrapper_openDLModel_direct_latency(InferenceSession session, const char* model_path,
                                             const char** output_layer_names,
                                             size_t output_layer_count, int compute_unit,
                                             int precision);
+using TarnWrapper_openDLModel_direct_latency_t = decltype(&TarnWrapper_openDLModel_direct_latency);
 
 // Opens the model file at `model_path` as the options record describes.
 bool TarnWrapper_openDLModel_zephOptions(InferenceSession session, const char* model_path,
                                          ZEPHInterface options);
+using TarnWrapper_openDLModel_zephOptions_t = decltype(&TarnWrapper_openDLModel_zephOptions);
 
 // The network's input size.
 bool TarnWrapper_getInputDimens(InferenceSession session, int* width, int* height);
+using TarnWrapper_getInputDimens_t = decltype(&TarnWrapper_getInputDimens);
 
 // The network's input channel count. Never called by the detector.
 bool TarnWrapper_getInputChannels(InferenceSession session, int* channels);
+using TarnWrapper_getInputChannels_t = decltype(&TarnWrapper_getInputChannels);
 
 // Runs the network once on `input`: 32-bit floats, channels interleaved, rows one after
 // another; `format` is a TarnInputFormat.
 bool TarnWrapper_execute(InferenceSession session, float* input, int width, int height,
                          int format);
+using TarnWrapper_execute_t = decltype(&TarnWrapper_execute);
 
 // Output of `layer_name` after the last run: four dimensions. Never called by the detector.
 float* TarnWrapper_getLayerOutput(InferenceSession session, const char* layer_name, int* d0,
                                   int* d1, int* d2, int* d3);
+using TarnWrapper_getLayerOutput_t = decltype(&TarnWrapper_getLayerOutput);
 
 // Output of `layer_name` after the last run, its four dimensions in the library's order and
 // its format code. The values belong to the library and stay valid until the next run;
 // null when the layer is unknown or no run succeeded.
 float* TarnWrapper_getLayerOutputAndFormat(InferenceSession session, const char* layer_name,
                                            int* d0, int* d1, int* d2, int* d3, int* format);
+using TarnWrapper_getLayerOutputAndFormat_t = decltype(&TarnWrapper_getLayerOutputAndFormat);
 
 // Releases the session; a null session is accepted.
 void TarnWrapper_destroy(InferenceSession session);
+using TarnWrapper_destroy_t = decltype(&TarnWrapper_destroy);
 
 // Per-channel means the library would subtract itself. Never called by the detector.
 bool TarnWrapper_setChannelMeans(InferenceSession session, const float* means, size_t count);
+using TarnWrapper_setChannelMeans_t = decltype(&TarnWrapper_setChannelMeans);
 
 }  // extern "C"
-
-// Pointer types of the operations, for casting what dlsym returns.
-using TarnWrapper_create_t = decltype(&TarnWrapper_create);
-using TarnWrapper_openDLModel_t = decltype(&TarnWrapper_openDLModel);
-using TarnWrapper_openDLModel_direct_t = decltype(&TarnWrapper_openDLModel_direct);
-using TarnWrapper_openDLModel_direct_latency_t = decltype(&TarnWrapper_openDLModel_direct_latency);
-using TarnWrapper_openDLModel_zephOptions_t = decltype(&TarnWrapper_openDLModel_zephOptions);
-using TarnWrapper_getInputDimens_t = decltype(&TarnWrapper_getInputDimens);
-using TarnWrapper_getInputChannels_t = decltype(&TarnWrapper_getInputChannels);
-using TarnWrapper_execute_t = decltype(&TarnWrapper_execute);
-using TarnWrapper_getLayerOutput_t = decltype(&TarnWrapper_getLayerOutput);
-using TarnWrapper_getLayerOutputAndFormat_t = decltype(&TarnWrapper_getLayerOutputAndFormat);
-using TarnWrapper_destroy_t = decltype(&TarnWrapper_destroy);
-using TarnWrapper_setChannelMeans_t = decltype(&TarnWrapper_setChannelMeans);

@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 
-#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <iostream>
@@ -12,6 +11,7 @@
 
 #include "core/model_interface/dl_loader.h"
 #include "core/utils/logging.h"
+#include "core/utils/steady_clock.h"
 #include "utils/sys_utils.h"
 
 namespace {
@@ -32,16 +32,10 @@ constexpr int kResizedJpegQuality = 95;
 // The sample pixel written to standard output after preprocessing.
 constexpr int kSamplePixel = 10;
 
-// Whole milliseconds of a steady-clock reading; elapsed times subtract two of these.
-int64_t steady_ms() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
+using artifact_detector::steady_ms;
 
-int elapsed_ms(int64_t start_ms) {
-  return static_cast<int>(steady_ms() - start_ms);
-}
+// Milliseconds since a steady_ms() reading, for the %d of a log line.
+int elapsed_ms(int64_t start_ms) { return static_cast<int>(steady_ms() - start_ms); }
 
 template <typename F>
 F as_operation(void* address) {
@@ -232,52 +226,37 @@ void* NNet::get_layer_output_with_format(const char* layer_name, int& d0, int& d
   return data;
 }
 
-bool NNet::forward_pass(cv::Mat image) {
-  if (!is_open) return false;
-  // A quiet detector keeps standard output to its caller.
-  const bool quiet = artifact_detector::current_log_policy().quiet;
-  if (image.data == nullptr || image.empty()) {
-    AD_LOG_INFO_AT(182) << "TQ Debug: Image for forward-pass cannot be empty";
+namespace {
+
+// `image` brought to `size` and through JPEG when neither side matches it; one matching side is
+// enough to keep it, since the library is told the network's size either way. False when the
+// JPEG round trip fails.
+bool fit_to_input(cv::Mat& image, cv::Size size, bool quiet) {
+  if (image.cols == size.width || image.rows == size.height) return true;
+  AD_LOG_INFO_AT(197) << "TQ Debug: Miss-match in the input-image-size"
+                      << "(" << image.cols << ", " << image.rows << ")"
+                      << " and the target-image-size"
+                      << "(" << size.width << ", " << size.height << ")"
+                      << " in forward-pass";
+  AD_LOG_INFO_AT(198) << "TQ Debug: Resizing the image to match target input image size";
+  cv::Mat resized;
+  cv::resize(image, resized, size, 0, 0, cv::INTER_LINEAR);
+  std::vector<uchar> jpeg;
+  if (!cv::imencode(".jpg", resized, jpeg, {cv::IMWRITE_JPEG_QUALITY, kResizedJpegQuality})) {
+    if (!quiet) std::cerr << "Error: Failed to compress image." << std::endl;
     return false;
   }
-  AD_LOG_INFO_AT(191) << "Target image size (CHW): " << channels << ", " << height << ", " << width;
-  if (image.channels() != channels) {
-    AD_LOG_INFO_AT(193) << "TQ Debug: Expected " << channels
-                        << " channels in the input image, but received input image has "
-                        << image.channels() << " channels";
+  if (!quiet) std::cout << "Compressed buffer size: " << jpeg.size() << " bytes" << std::endl;
+  image = cv::imdecode(jpeg, cv::IMREAD_COLOR);
+  if (image.empty()) {
+    if (!quiet) std::cerr << "Error: Failed to decode buffer." << std::endl;
     return false;
   }
+  return true;
+}
 
-  // One matching side is enough to skip the resize; the library is told the network's size
-  // either way.
-  if (image.cols != width && image.rows != height) {
-    AD_LOG_INFO_AT(197) << "TQ Debug: Miss-match in the input-image-size"
-                        << "(" << image.cols << ", " << image.rows << ")"
-                        << " and the target-image-size"
-                        << "(" << width << ", " << height << ")"
-                        << " in forward-pass";
-    AD_LOG_INFO_AT(198) << "TQ Debug: Resizing the image to match target input image size";
-    cv::Mat resized;
-    cv::resize(image, resized, cv::Size(width, height), 0, 0, cv::INTER_LINEAR);
-    std::vector<uchar> jpeg;
-    if (!cv::imencode(".jpg", resized, jpeg, {cv::IMWRITE_JPEG_QUALITY, kResizedJpegQuality})) {
-      if (!quiet) std::cerr << "Error: Failed to compress image." << std::endl;
-      return true;
-    }
-    if (!quiet) std::cout << "Compressed buffer size: " << jpeg.size() << " bytes" << std::endl;
-    image = cv::imdecode(jpeg, cv::IMREAD_COLOR);
-    if (image.empty()) {
-      if (!quiet) std::cerr << "Error: Failed to decode buffer." << std::endl;
-      return true;
-    }
-  }
-
-  cv::Mat input;
-  image.convertTo(input, CV_32FC(image.channels()), 1.0, 0.0);
-  AD_LOGV_AT(226, "TQ Debug: Substracting channels means 128.0, 128.0, 128.0 in library");
-  cv::subtract(input, kInputOffset, input);
-  input /= kInputScale;
-
+// Each channel's range and the means of the network's input, and one pixel of `image`.
+void log_input_stats(const cv::Mat& input, const cv::Mat& image, bool quiet) {
   std::vector<cv::Mat> planes;
   cv::split(input, planes);
   for (size_t i = 0; i < planes.size(); ++i) {
@@ -297,6 +276,34 @@ bool NNet::forward_pass(cv::Mat image) {
               << "[" << static_cast<int>(pixel[0]) << ", " << static_cast<int>(pixel[1]) << ", "
               << static_cast<int>(pixel[2]) << "]" << std::endl;
   }
+}
+
+}  // namespace
+
+bool NNet::forward_pass(cv::Mat image) {
+  if (!is_open) return false;
+  // A quiet detector keeps standard output to its caller.
+  const bool quiet = artifact_detector::current_log_policy().quiet;
+  if (image.data == nullptr || image.empty()) {
+    AD_LOG_INFO_AT(182) << "TQ Debug: Image for forward-pass cannot be empty";
+    return false;
+  }
+  AD_LOG_INFO_AT(191) << "Target image size (CHW): " << channels << ", " << height << ", " << width;
+  if (image.channels() != channels) {
+    AD_LOG_INFO_AT(193) << "TQ Debug: Expected " << channels
+                        << " channels in the input image, but received input image has "
+                        << image.channels() << " channels";
+    return false;
+  }
+  // A failed JPEG round trip has always counted as a pass that ran.
+  if (!fit_to_input(image, cv::Size(width, height), quiet)) return true;
+
+  cv::Mat input;
+  image.convertTo(input, CV_32FC(image.channels()), 1.0, 0.0);
+  AD_LOGV_AT(226, "TQ Debug: Substracting channels means 128.0, 128.0, 128.0 in library");
+  cv::subtract(input, kInputOffset, input);
+  input /= kInputScale;
+  log_input_stats(input, image, quiet);
 
   const int format = image.channels() == 4 ? TARN_INPUT_4_CHANNELS : TARN_INPUT_3_CHANNELS;
   const int64_t start = steady_ms();

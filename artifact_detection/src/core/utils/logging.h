@@ -71,8 +71,6 @@ class LogMessage {
   LogMessage(const LogMessage&) = delete;
   LogMessage& operator=(const LogMessage&) = delete;
 
-  std::ostream& stream() { return stream_; }
-
   template <typename T>
   LogMessage& operator<<(const T& value) {
     stream_ << value;
