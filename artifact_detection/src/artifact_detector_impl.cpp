@@ -8,6 +8,7 @@
 #include <utility>
 
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include "core/net/NNet.h"
 #include "core/utils/logging.h"
@@ -206,7 +207,9 @@ bool ArtifactDetectorImpl::execute(char* buffer, int width, int height, int imag
   } else {
     AD_LOG_INFO << "Rotation parameter being set to: " << image_rotation;
   }
-  const cv::Size upright = image_utils::upright_size(width, height, image_rotation);
+  // An empty frame is never resized, so it reports its own size.
+  const cv::Size upright =
+      image.empty() ? image.size() : image_utils::upright_size(width, height, image_rotation);
   AD_LOG_INFO << "TQ Debug: NV21 Artifact Detector Pre-Process : width: " << upright.width << " "
               << " height: " << upright.height << " channels: " << image.channels()
               << " target_width: " << target_width << "target_height: " << target_height;
@@ -241,6 +244,8 @@ bool ArtifactDetectorImpl::run_pipeline(const std::shared_ptr<NNet>& session, cv
     AD_LOG_INFO << "TQ Debug: artifact_detector Forward Pass Failed";
     return false;
   }
+  // A frame without pixels fails here, in the resize, after its pre-processing lines.
+  if (image.empty()) cv::resize(image, image, target, 0, 0, cv::INTER_AREA);
 
   jpeg_round_trip(image);
   if (checkSimilarColor(image)) {

@@ -86,6 +86,7 @@ namespace {
 
 // The area kernels declined these sizes, so cv::resize would not average by area either.
 cv::Mat resize_declined(cv::Mat upright, cv::Size size) {
+  if (upright.empty()) return upright;  // refused by the pipeline, after the frame's log lines
   if (size.width > 0 && size.height > 0) {
     cv::resize(upright, upright, size, 0, 0, cv::INTER_AREA);
   }
