@@ -44,7 +44,7 @@ fuzz: deps
 # One detector through 10,000 frames of mixed formats, sizes and rotations, then 1,000
 # create / initialize / destroy cycles, on the optimised build; see docs/reliability.md.
 soak: build
-	AD_SOAK_FRAMES=10000 AD_SOAK_CYCLES=1000 ./build/bin/artifact_detector_impl_soak_test
+	AD_SOAK_FRAMES=10000 ./build/bin/artifact_detector_impl_soak_test
 
 # Benchmarks against libyuv, OpenCV and memcpy on the optimised build: prints the tables and
 # writes them into docs/performance.md. Never part of `make test`.
