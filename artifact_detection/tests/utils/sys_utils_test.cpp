@@ -62,13 +62,24 @@ TEST(ModelInfoFile, ReadsTheFirstObjectOverTheDefaults) {
       {"{|'version_id': 5,|'precision': 'a|'model_type': 'g', 'x'|}", props("v5", "g", "float16")},
       {"{|'version_id': ''|'model_type': 'gpu'", props("", "gpu", "float16")},  // never closed
       {"", defaults},
+      {"<dir>", defaults},   // opens, reads nothing
+      {"<link>", defaults},  // dangling: does not open
       {nullptr, defaults}};
   // clang-format on
   for (const auto& [text, expected] : cases) {
     ad_test::TempDir dir;
     const std::string path = dir.make_dir(kModel) + "/artifact_detector_cnn.info",
-                      read = text ? path + "," : "model for " + path + " info file failed, default";
-    if (text) dir.write_file("artifact_detector/artifact_detector_cnn.info", file_text(text));
+                      kind = text ? text : "",
+                      read = text && kind != "<link>"
+                                 ? path + ","
+                                 : "model for " + path + " info file failed, default";
+    if (kind == "<link>") {
+      std::filesystem::create_symlink(dir.base() + "nowhere", path);
+    } else if (kind == "<dir>") {
+      dir.make_dir("artifact_detector/artifact_detector_cnn.info");
+    } else if (text) {
+      dir.write_file("artifact_detector/artifact_detector_cnn.info", file_text(text));
+    }
     ad_test::LogCapture capture;
     EXPECT_EQ(get_model_properties(kModel, dir.base()), expected) << (text ? text : "no file");
     EXPECT_EQ(capture.verbose_messages().back(),
@@ -110,6 +121,11 @@ TEST(ThresholdFile, ReadsEveryObjectLineByLine) {
     if (text) log.push_back("Custom thresholds are available");
     log.insert(log.end(), errors.begin(), errors.end());
     EXPECT_EQ(capture.verbose_messages(), log);
+  }
+  ad_test::TempDir dir;  // a directory or a dangling link: no thresholds
+  std::filesystem::create_symlink(dir.base() + "nowhere", dir.base() + "dangling.json");
+  for (const std::string& path : {dir.make_dir("directory.json"), dir.base() + "dangling.json"}) {
+    EXPECT_TRUE(get_artifact_thresholds(path).empty()) << path;
   }
 }
 

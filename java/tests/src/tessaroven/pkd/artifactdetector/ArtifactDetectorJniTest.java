@@ -1,9 +1,6 @@
 package tessaroven.pkd.artifactdetector;
 
 import java.lang.reflect.Field;
-import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -23,15 +20,7 @@ public final class ArtifactDetectorJniTest {
 
   public static void main(String[] args) throws Exception {
     new Random(1).nextBytes(FRAME);
-    // A models directory whose info file names a model the fake "opens" without reading it;
-    // deleted at exit, in the reverse order.
-    Path dir = Files.createTempDirectory("ad_jvm_test").resolve("artifact_detector");
-    models = dir.getParent() + "/";
-    dir.getParent().toFile().deleteOnExit();
-    Files.createDirectories(dir).toFile().deleteOnExit();
-    String info = "{\n\"model_type\": \"cpu\",\n\"model_path\": \"" + dir + "/net.onnx\"\n}\n";
-    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8))
-        .toFile().deleteOnExit();
+    models = TestSupport.models("net.onnx");  // the fake never reads it
     new ArtifactDetector().close();  // loads the library the support library links against
     TestSupport.load();
     nativeMethods();

@@ -1,9 +1,6 @@
 package tessaroven.pkd.artifactdetector;
 
 import java.nio.ByteBuffer;
-import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.Random;
 
@@ -19,16 +16,7 @@ public final class DetectorJvmTest {
   private static final int PAD = 40;
 
   public static void main(String[] args) throws Exception {
-    // Deleted at exit, in the reverse order of creation.
-    Path dir = Files.createTempDirectory("ad_detector_jvm").resolve("artifact_detector");
-    dir.getParent().toFile().deleteOnExit();
-    Files.createDirectories(dir).toFile().deleteOnExit();
-    String info = "{\n\"model_type\": \"cpu\",\n\"precision\": \"float32\",\n\"model_path\": \""
-        + System.getProperty("ad.test.model") + "\"\n}\n";
-    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8))
-        .toFile().deleteOnExit();
-    String models = dir.getParent().toString();
-
+    String models = TestSupport.models(System.getProperty("ad.test.model"));
     byte[] nv21 = new byte[W * H * 3 / 2];
     new Random(7).nextBytes(nv21);
     try (Detector detector = Detector.open(models, true, Detector.LOG_SILENT)) {
@@ -41,7 +29,7 @@ public final class DetectorJvmTest {
       detector.setThreshold(6, 0.25f);
       check(0.25f, detector.threshold(6), "a threshold set in memory");
     }
-    try (Detector missing = Detector.open(models + "/missing")) {
+    try (Detector missing = Detector.open(models + "missing")) {
       check(Detector.Status.NOT_READY, missing.detectNv21(nv21, W, H, 0).status, "missing folder");
     }
     safetyNet(models);

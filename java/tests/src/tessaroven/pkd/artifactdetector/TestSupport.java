@@ -1,8 +1,25 @@
 package tessaroven.pkd.artifactdetector;
 
+import java.io.IOException;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.Path;
+
 /** Test-only natives: log capture, the scripted inference library, the exported globals. */
 final class TestSupport {
   private TestSupport() {}
+
+  /** A models folder, '/' ended, whose info file names {@code model}; deleted at exit. */
+  static String models(String model) throws IOException {
+    Path dir = Files.createTempDirectory("ad_jvm_test").resolve("artifact_detector");
+    dir.getParent().toFile().deleteOnExit();  // deleted in the reverse order of creation
+    Files.createDirectories(dir).toFile().deleteOnExit();
+    String info = "{\n\"model_type\": \"cpu\",\n\"precision\": \"float32\",\n\"model_path\": \""
+        + model + "\"\n}\n";
+    Files.write(dir.resolve("artifact_detector_cnn.info"), info.getBytes(StandardCharsets.UTF_8))
+        .toFile().deleteOnExit();
+    return dir.getParent() + "/";
+  }
 
   /** Loads the support library named by the system property "ad.test.support.library". */
   static void load() {
