@@ -10,9 +10,11 @@ CLASSES = ["Reflection", "Shadow", "Flare", "Moire", "DonutBlur", "Blur",
 THRESHOLDS = [0.74, 0.64, 0.73, 0.73, 0.69, 0.52, 0.48, 0.72, 0.2, 0.58, 1.0]
 
 
-def run_cli(cli, models, paths, jobs=2):
-    """Set of reported class ids per path, through the real pipeline."""
-    out = subprocess.run([cli, "--models", models, "--jsonl", "--jobs", str(jobs)] + paths,
+def run_cli(cli, models, paths, jobs=2, scores=None):
+    """Set of reported class ids per path, through the real pipeline. A dict passed as
+    `scores` receives every class's probability per path (name -> probability)."""
+    extra = ["--all-scores"] if scores is not None else []
+    out = subprocess.run([cli, "--models", models, "--jsonl", "--jobs", str(jobs)] + extra + paths,
                          check=False, capture_output=True, text=True)
     results = {}
     for line in out.stdout.splitlines():
@@ -20,6 +22,8 @@ def run_cli(cli, models, paths, jobs=2):
         if not record["ok"]:
             raise RuntimeError("artifact-detect failed on %s: %s" % (record["image"], record["error"]))
         results[record["image"]] = {a["tag_id"]: a["score"] for a in record["artifacts"]}
+        if scores is not None:
+            scores[record["image"]] = record["scores"]
     missing = set(paths) - set(results)
     if missing:
         raise RuntimeError("artifact-detect gave no answer for %d files (%s)"
