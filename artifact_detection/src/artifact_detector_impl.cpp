@@ -1,6 +1,7 @@
 #include "artifact_detector_impl.h"
 
 #include <algorithm>
+#include <iterator>
 #include <cmath>
 #include <cstdint>
 #include <exception>
@@ -64,21 +65,35 @@ void jpeg_round_trip(cv::Mat& image) {
   }
 }
 
+struct NamedCode {
+  const char* name;
+  int32_t code;
+};
+constexpr NamedCode kComputeUnits[] = {{"cpu", CPU}, {"gpu", GPU}, {"dsp", DSP}, {"npu", NPU}};
+constexpr NamedCode kPrecisions[] = {
+    {"float16", FLOAT16}, {"float32", FLOAT32}, {"qasymm8", QASYMM8}, {"qasymm16", QASYMM16}};
+
+// The code the info file names, or nullptr for a name outside the table.
+const int32_t* code_named(const NamedCode* begin, const NamedCode* end, const std::string& name) {
+  const NamedCode* found =
+      std::find_if(begin, end, [&](const NamedCode& entry) { return name == entry.name; });
+  return found == end ? nullptr : &found->code;
+}
+
 int32_t compute_unit_code(const std::string& model_type) {
-  if (model_type == "cpu") return CPU;
-  if (model_type == "gpu") return GPU;
-  if (model_type == "dsp") return DSP;
-  if (model_type == "npu") return NPU;
+  if (const int32_t* code = code_named(std::begin(kComputeUnits), std::end(kComputeUnits),
+                                       model_type)) {
+    return *code;
+  }
   AD_LOGV("TQ Debug: Couldn't identify the COMPUTE UNIT from .info file, so setting COMPUTE UNIT "
           "to CPU");
   return CPU;
 }
 
 int32_t precision_code(const std::string& precision) {
-  if (precision == "float16") return FLOAT16;
-  if (precision == "float32") return FLOAT32;
-  if (precision == "qasymm8") return QASYMM8;
-  if (precision == "qasymm16") return QASYMM16;
+  if (const int32_t* code = code_named(std::begin(kPrecisions), std::end(kPrecisions), precision)) {
+    return *code;
+  }
   AD_LOGV("TQ Debug: Couldn't identify the EXECUTION DATA TYPE from .info file, so setting "
           "EXECUTION DATA TYPE to FLOAT16");
   return FLOAT16;

@@ -11,12 +11,14 @@ using artifact_detector::ArtifactDetector;
 namespace {
 
 // Line numbers of the wrapper's log lines; log readers key on them.
-constexpr int kCreateFailedLine = 15;
-constexpr int kInitializeLine = 26;
-constexpr int kExecuteWithImageNameLine = 32;
-constexpr int kExecuteLine = 37;
-constexpr int kCountLine = 43;
-constexpr int kArtifactInfoLine = 48;
+enum LogLine : int {
+  kCreateFailedLine = 15,
+  kInitializeLine = 26,
+  kExecuteWithImageNameLine = 32,
+  kExecuteLine = 37,
+  kCountLine = 43,
+  kArtifactInfoLine = 48,
+};
 
 ArtifactDetector* detector_of(ArtifactDetectorWrapper* handle) {
   return reinterpret_cast<ArtifactDetector*>(handle);
