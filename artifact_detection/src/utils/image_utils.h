@@ -73,7 +73,7 @@ bool shrink_upright_nv21(const char* nv21, int width, int height, int rotation, 
 // The caller's frame upright at `size`, the network's input size: in one pass where the area
 // kernels can, else converted (get_bgr_mat_from_buffer, or nv21_convert_rotate for NV21),
 // turned and resized with cv::resize's INTER_AREA. A `size` without pixels leaves the upright
-// frame at its own size.
+// frame at its own size; a frame without pixels comes back empty, for the pipeline to refuse.
 cv::Mat upright_at_size(char* buffer, int width, int height, int rotation,
                         artifact_detector::ArtifactDetector::ImageFormat format, cv::Size size);
 
