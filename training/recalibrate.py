@@ -43,7 +43,12 @@ def main():
     index = bd.prepare_sources()
     keep = set(a.packages.split(","))
     index = dict(index, files=[e for e in index["files"] if e["package"] in keep])
-    with mp.get_context("fork").Pool(2, bd._init_worker, (index, "train", 224)) as pool:
+    # Training packages come with generated scenes as in training; held-out ones (the half of
+    # the held-out group that evaluate leaves out) as photographs only, as evaluate draws them.
+    splits = {e["split"] for e in index["files"]}
+    if len(splits) != 1:
+        raise SystemExit("--packages mixes training and held-out packages: %s" % a.packages)
+    with mp.get_context("fork").Pool(2, bd._init_worker, (index, splits.pop(), 224)) as pool:
         pairs = pool.map(sample, [(a.seed, i) for i in range(a.count)], chunksize=8)
     x = np.stack([q[0] for q in pairs])
     y = np.stack([q[1] for q in pairs])

@@ -72,6 +72,7 @@ def main():
     p.add_argument("--fresh", help="folder where build_dataset.py --stream writes new frames")
     p.add_argument("--arch", default=os.environ.get("ARCH", "cnn"),
                    help="cnn (today's), dwsep, mnv2-s4, mnv2-s8 or mnv2-s16")
+    p.add_argument("--init", help="model.pt of an earlier run to go on from (same --arch)")
     a = p.parse_args()
     torch.set_num_threads(a.threads)
     torch.manual_seed(a.seed)
@@ -86,7 +87,10 @@ def main():
     n = len(xt)
     print("train %d, val %d, input %s" % (n, len(xv), xt.shape[1:]), flush=True)
 
-    net = M.build(a.arch).to(memory_format=torch.channels_last)
+    net = M.build(a.arch)
+    if a.init:
+        net.load_state_dict(torch.load(a.init, map_location="cpu"))
+    net = net.to(memory_format=torch.channels_last)
     print("parameters: %d" % sum(p.numel() for p in net.parameters()), flush=True)
     opt = torch.optim.AdamW(net.parameters(), lr=a.lr, weight_decay=5e-4)
     steps = a.epochs * (n // a.batch)
