@@ -4,45 +4,31 @@
 deps:
 	bash scripts/install-deps
 
+# Configures and builds one CMake preset.
+build_preset = cmake --preset $(1) && cmake --build --preset $(1)
+
 build: deps
-	cmake --preset default
-	cmake --build --preset default
+	$(call build_preset,default)
 
 demo: build
 	./build/bin/artifact-detect samples/
 
-test-default: deps
-	cmake --preset default
-	cmake --build --preset default
-	ctest --preset default
-
-test-asan: deps
-	cmake --preset asan
-	cmake --build --preset asan
-	ctest --preset asan
-
-test-tsan: deps
-	cmake --preset tsan
-	cmake --build --preset tsan
-	ctest --preset tsan
-
-# Every fuzz target over its committed corpus, then AD_FUZZ_SECONDS (30) of fresh inputs.
-test-fuzz: deps
-	cmake --preset fuzz
-	cmake --build --preset fuzz
-	ctest --preset fuzz
+# test-fuzz: every fuzz target over its committed corpus, then AD_FUZZ_SECONDS (30) of fresh
+# inputs.
+test-default test-asan test-tsan test-fuzz: test-%: deps
+	$(call build_preset,$*)
+	ctest --preset $*
 
 test: test-default test-asan test-tsan test-fuzz
 
 # Longer fuzzing: FUZZ_SECONDS (60) per target, building on the inputs earlier runs found
 # (kept in build-fuzz/fuzz/work/<target>/kept); see docs/reliability.md.
 fuzz: deps
-	cmake --preset fuzz
-	cmake --build --preset fuzz
+	$(call build_preset,fuzz)
 	AD_FUZZ_SECONDS=$(or $(FUZZ_SECONDS),60) AD_FUZZ_KEEP_CORPUS=1 ctest --preset fuzz
 
-# One detector through 10,000 frames of mixed formats, sizes and rotations, then 1,000
-# create / initialize / destroy cycles, on the optimised build; see docs/reliability.md.
+# One detector through 10,000 frames of mixed formats, sizes and rotations on the optimised
+# build; see docs/reliability.md.
 soak: build
 	AD_SOAK_FRAMES=10000 ./build/bin/artifact_detector_impl_soak_test
 
