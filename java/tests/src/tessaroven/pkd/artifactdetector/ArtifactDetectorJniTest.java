@@ -1,5 +1,7 @@
 package tessaroven.pkd.artifactdetector;
 
+import static tessaroven.pkd.artifactdetector.TestSupport.check;
+
 import java.lang.reflect.Field;
 import java.util.ArrayList;
 import java.util.Arrays;
@@ -92,11 +94,6 @@ public final class ArtifactDetectorJniTest {
     }
   }
 
-  private static void check(Object expected, Object actual, String what) {
-    if (!expected.equals(actual)) {
-      throw new AssertionError(what + ": expected <" + expected + ">, was <" + actual + ">");
-    }
-  }
 
   /** The simple class name of what {@code call} throws and the first word of its message. */
   private static String thrown(Runnable call) {

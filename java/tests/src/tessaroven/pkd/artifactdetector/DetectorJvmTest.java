@@ -1,5 +1,7 @@
 package tessaroven.pkd.artifactdetector;
 
+import static tessaroven.pkd.artifactdetector.TestSupport.check;
+
 import java.nio.ByteBuffer;
 import java.util.Arrays;
 import java.util.Random;
@@ -110,11 +112,5 @@ public final class DetectorJvmTest {
       Detector.freeUnreachable();
     }
     check(before, Detector.liveCount(), "dropped detectors freed");
-  }
-
-  private static void check(Object expected, Object actual, String what) {
-    if (!expected.equals(actual)) {
-      throw new AssertionError(what + ": expected <" + expected + ">, was <" + actual + ">");
-    }
   }
 }

@@ -9,6 +9,13 @@ import java.nio.file.Path;
 final class TestSupport {
   private TestSupport() {}
 
+  /** Fails the test, saying {@code what}, unless {@code actual} equals {@code expected}. */
+  static void check(Object expected, Object actual, String what) {
+    if (!expected.equals(actual)) {
+      throw new AssertionError(what + ": expected <" + expected + ">, was <" + actual + ">");
+    }
+  }
+
   /** A models folder, '/' ended, whose info file names {@code model}; deleted at exit. */
   static String models(String model) throws IOException {
     Path dir = Files.createTempDirectory("ad_jvm_test").resolve("artifact_detector");
