@@ -47,7 +47,8 @@ def main():
     # the held-out group that evaluate leaves out) as photographs only, as evaluate draws them.
     splits = {e["split"] for e in index["files"]}
     if len(splits) != 1:
-        raise SystemExit("--packages mixes training and held-out packages: %s" % a.packages)
+        raise SystemExit("--packages %s: name known packages, all trained on or all held out"
+                         % a.packages)
     with mp.get_context("fork").Pool(2, bd._init_worker, (index, splits.pop(), 224)) as pool:
         pairs = pool.map(sample, [(a.seed, i) for i in range(a.count)], chunksize=8)
     x = np.stack([q[0] for q in pairs])
