@@ -123,6 +123,13 @@ def sources_digest():
 _W = {}
 
 
+def only_packages(index, names):
+    """The source index cut down to the pictures of the named packages."""
+    keep = set(names)
+    return dict(index, files=[e for e in index["files"] if e["package"] in keep],
+                holdout=sorted(keep & set(index["holdout"])))
+
+
 def _init_worker(index, split, net_size):
     cv2.setNumThreads(1)
     files = [e for e in index["files"] if e["split"] == split]

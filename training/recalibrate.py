@@ -41,8 +41,7 @@ def main():
     p.add_argument("--seed", type=int, default=20240611)
     a = p.parse_args()
     index = bd.prepare_sources()
-    keep = set(a.packages.split(","))
-    index = dict(index, files=[e for e in index["files"] if e["package"] in keep])
+    index = bd.only_packages(index, a.packages.split(","))
     # Training packages come with generated scenes as in training; held-out ones (the half of
     # the held-out group that evaluate leaves out) as photographs only, as evaluate draws them.
     splits = {e["split"] for e in index["files"]}
