@@ -94,7 +94,6 @@ public final class ArtifactDetectorJniTest {
     }
   }
 
-
   /** The simple class name of what {@code call} throws and the first word of its message. */
   private static String thrown(Runnable call) {
     try {
