@@ -76,9 +76,80 @@ def apply_reflection(fr, rng, other_lin):
 # Shadow
 
 
+def _capsule(m, a, b, width):
+    cv2.line(m, (int(a[0]), int(a[1])), (int(b[0]), int(b[1])), 1.0, max(1, int(width)))
+
+
+def _person(rng, m, lh, lw):
+    """The photographer's own shadow: from the bottom edge (or a side), head,
+    torso and arms, stretched or shortened by the sun's height."""
+    edge = rng.integers(3)  # bottom, left, right
+    base = [(rng.uniform(0.2, 0.8) * lw, lh), (0, rng.uniform(0.4, 1.0) * lh),
+            (lw, rng.uniform(0.4, 1.0) * lh)][edge]
+    toward = [-math.pi / 2, -rng.uniform(0.3, 0.8), -math.pi + rng.uniform(0.3, 0.8)][edge]
+    ang = toward + rng.uniform(-0.5, 0.5)
+    u = np.array([math.cos(ang), math.sin(ang)])
+    v = np.array([-u[1], u[0]])
+    length = rng.uniform(0.6, 1.3) * max(lw, lh)
+    width = length * rng.uniform(0.16, 0.3)
+    b = np.array(base, float) - u * rng.uniform(0.0, 0.3) * length
+    shoulder = b + u * 0.72 * length
+    _capsule(m, b, shoulder, width)
+    cv2.circle(m, tuple(int(c) for c in shoulder + u * 0.15 * length),
+               int(length * 0.08) + 1, 1.0, -1)
+    for side in (-1, 1):
+        if rng.random() < 0.3:
+            continue  # that arm hidden behind the body
+        a = toward + side * rng.uniform(0.2, 2.2)
+        hand = shoulder + side * v * width * 0.45 + np.array(
+            [math.cos(a), math.sin(a)]) * length * rng.uniform(0.3, 0.5)
+        _capsule(m, shoulder + side * v * width * 0.45, hand, width * 0.28)
+        if rng.random() < 0.5:  # holding the phone up
+            cv2.circle(m, (int(hand[0]), int(hand[1])), int(width * 0.3) + 1, 1.0, -1)
+
+
+def _hand(rng, m, lh, lw):
+    """A hand with spread or closed fingers reaching in from an edge."""
+    edge = rng.integers(4)
+    c = np.array([rng.uniform(0.25, 0.75) * lw, rng.uniform(0.25, 0.75) * lh])
+    e = np.array([[c[0], 0], [c[0], lh], [0, c[1]], [lw, c[1]]][edge], float)
+    e += rng.uniform(-0.2, 0.2, 2) * [lw, lh]
+    d = c - e
+    d /= max(np.linalg.norm(d), 1e-6)
+    palm = rng.uniform(0.08, 0.16) * max(lw, lh)
+    _capsule(m, e - d * palm, c, palm * rng.uniform(1.0, 1.5))
+    cv2.circle(m, (int(c[0]), int(c[1])), int(palm), 1.0, -1)
+    base = math.atan2(d[1], d[0])
+    spread = rng.uniform(0.12, 0.35)
+    for k in range(4):
+        a = base + (k - 1.5) * spread
+        f = np.array([math.cos(a), math.sin(a)])
+        start = c + f * palm * 0.7
+        _capsule(m, start, start + f * palm * rng.uniform(1.2, 2.0), palm * 0.5)
+    a = base + (1 if rng.random() < 0.5 else -1) * rng.uniform(0.9, 1.5)
+    f = np.array([math.cos(a), math.sin(a)])
+    _capsule(m, c + f * palm * 0.5, c + f * palm * 1.8, palm * 0.55)
+
+
+def _branches(rng, m, lh, lw):
+    """Bare branches: a trunk from an edge splitting into thinner twigs."""
+    tips = [(np.array([rng.uniform(0, lw), lh + 2.0]), -math.pi / 2 + rng.uniform(-0.6, 0.6),
+             rng.uniform(0.05, 0.1) * max(lw, lh), 0)]
+    while tips:
+        p, a, width, depth = tips.pop()
+        seg = max(lw, lh) * rng.uniform(0.12, 0.25)
+        q = p + seg * np.array([math.cos(a), math.sin(a)])
+        _capsule(m, p, q, width)
+        if depth < 6 and width > 0.6:
+            for _ in range(int(rng.integers(2, 4))):
+                tips.append((q, a + rng.uniform(-0.8, 0.8), width * rng.uniform(0.6, 0.85),
+                             depth + 1))
+
+
 def _occluder(rng, lh, lw):
     m = np.zeros((lh, lw), np.float32)
-    if rng.random() < 0.5:  # foliage: many overlapping leaves
+    kind = rng.random()
+    if kind < 0.25:  # foliage: many overlapping leaves
         cx, cy = rng.uniform(0, lw), rng.uniform(0, lh)
         spread = rng.uniform(0.2, 0.6) * max(lw, lh)
         for _ in range(int(rng.integers(20, 80))):
@@ -86,7 +157,7 @@ def _occluder(rng, lh, lw):
             a = rng.uniform(0.02, 0.08) * max(lw, lh)
             cv2.ellipse(m, (int(px), int(py)), (int(a), int(a * rng.uniform(0.3, 0.7))),
                         rng.uniform(0, 180), 0, 360, 1.0, -1)
-    else:  # hand or phone from an edge: a rounded bar with a blob at the tip
+    elif kind < 0.4:  # hand or phone from an edge: a rounded bar with a blob at the tip
         edge = rng.integers(4)
         tipx, tipy = rng.uniform(0.25, 0.75) * lw, rng.uniform(0.25, 0.75) * lh
         ex = [tipx, tipx, 0, lw][edge]
@@ -94,6 +165,12 @@ def _occluder(rng, lh, lw):
         width = int(rng.uniform(0.15, 0.35) * min(lw, lh))
         cv2.line(m, (int(ex), int(ey)), (int(tipx), int(tipy)), 1.0, width)
         cv2.circle(m, (int(tipx), int(tipy)), int(width * rng.uniform(0.6, 1.1)), 1.0, -1)
+    elif kind < 0.65:
+        _person(rng, m, lh, lw)
+    elif kind < 0.85:
+        _hand(rng, m, lh, lw)
+    else:
+        _branches(rng, m, lh, lw)
     return m
 
 
@@ -325,9 +402,34 @@ def apply_motion(fr, rng):
 # Exposure and sensor faults
 
 
+def _backlit(img, rng):
+    """Exposed for the subject against a bright sky or window: the bright side of
+    the scene (a fifth to a half of it, in smooth blobs) pushed past the clip."""
+    lin = (img / np.float32(255.0)) ** 2
+    y = cv2.cvtColor(lin, cv2.COLOR_BGR2GRAY)
+    h, w = y.shape
+    small = cv2.resize(y, (64, 64), interpolation=cv2.INTER_AREA)
+    # Light comes from one side of the frame, most often above.
+    ang = rng.uniform(-math.pi, 0) if rng.random() < 0.8 else rng.uniform(0, math.pi)
+    gy, gx = np.mgrid[0:64, 0:64].astype(np.float32) / 63 - 0.5
+    side = gx * math.cos(ang) + gy * math.sin(ang)
+    score = cv2.GaussianBlur(small, (0, 0), rng.uniform(1.0, 4.0)) / max(float(small.mean()), 1e-4)
+    score = score + rng.uniform(0.5, 2.0) * side
+    frac = rng.uniform(0.22, 0.5)
+    region = (score >= np.quantile(score, 1 - frac)).astype(np.float32)
+    region = cv2.GaussianBlur(region, (0, 0), rng.uniform(0.5, 2.0))
+    region = cv2.resize(region, (w, h), interpolation=cv2.INTER_LINEAR)[..., None]
+    gain = np.float32(rng.uniform(4.0, 12.0))
+    lin = lin * (1 + region * (gain - 1)) + region * np.float32(rng.uniform(0.3, 0.8))
+    lin *= np.float32(rng.uniform(0.8, 1.3))
+    return np.sqrt(np.clip(lin, 0, 1)) * np.float32(255.0)
+
+
 def apply_ldr(img, rng):
-    """Display-space float [0,255] in, out: exposure in linear light, a hard sensor
-    clip, then a steep tone curve that crushes the shadows."""
+    """Display-space float [0,255] in, out: a backlit capture, or exposure in linear
+    light, a hard sensor clip, then a steep tone curve that crushes the shadows."""
+    if rng.random() < 0.4:
+        return _backlit(img, rng)
     lin = (img / np.float32(255.0)) ** 2
     lin *= np.float32(rng.uniform(2.0, 5.0) if rng.random() < 0.7 else rng.uniform(0.8, 1.4))
     np.clip(lin, 0, 1, out=lin)
