@@ -6,7 +6,8 @@
 #
 # Knobs for shorter trial runs (defaults reproduce the shipped model):
 #   TRAIN_SAMPLES, VAL_SAMPLES, EPOCHS, RUN (run directory), NO_INSTALL=1,
-#   FRESH=0 (no fresh frames synthesised beside training)
+#   FRESH=1 (fresh frames synthesised beside training from idle CPU time: the
+#   result then depends on the machine's load, so the default leaves it off)
 set -euo pipefail
 
 here="$(cd "$(dirname "$0")" && pwd)"
@@ -32,7 +33,7 @@ stage "synthesise $train_samples training and $val_samples validation frames"
 stage "train $epochs epochs"
 fresh=()
 streamer=""
-if [ "${FRESH:-1}" = 1 ]; then
+if [ "${FRESH:-0}" = 1 ]; then
   # New artifacts while the network trains; swapped in at each epoch's start.
   rm -rf "$run/fresh"
   nice -n 19 "$py" build_dataset.py --stream "$run/fresh" --shard "${FRESH_SHARD:-500}" \
