@@ -163,7 +163,7 @@ def _occluder(rng, lh, lw):
         ex = [tipx, tipx, 0, lw][edge]
         ey = [0, lh, tipy, tipy][edge]
         width = int(rng.uniform(0.15, 0.35) * min(lw, lh))
-        cv2.line(m, (int(ex), int(ey)), (int(tipx), int(tipy)), 1.0, width)
+        _capsule(m, (ex, ey), (tipx, tipy), width)
         cv2.circle(m, (int(tipx), int(tipy)), int(width * rng.uniform(0.6, 1.1)), 1.0, -1)
     elif kind < 0.65:
         _person(rng, m, lh, lw)
