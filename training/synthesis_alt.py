@@ -101,9 +101,9 @@ def _person(rng, m, lh, lw):
         if rng.random() < 0.3:
             continue  # that arm hidden behind the body
         a = toward + side * rng.uniform(0.2, 2.2)
-        hand = shoulder + side * v * width * 0.45 + np.array(
-            [math.cos(a), math.sin(a)]) * length * rng.uniform(0.3, 0.5)
-        _capsule(m, shoulder + side * v * width * 0.45, hand, width * 0.28)
+        root = shoulder + side * v * width * 0.45
+        hand = root + np.array([math.cos(a), math.sin(a)]) * length * rng.uniform(0.3, 0.5)
+        _capsule(m, root, hand, width * 0.28)
         if rng.random() < 0.5:  # holding the phone up
             cv2.circle(m, (int(hand[0]), int(hand[1])), int(width * 0.3) + 1, 1.0, -1)
 
@@ -402,10 +402,9 @@ def apply_motion(fr, rng):
 # Exposure and sensor faults
 
 
-def _backlit(img, rng):
+def _backlit(lin, rng):
     """Exposed for the subject against a bright sky or window: the bright side of
     the scene (a fifth to a half of it, in smooth blobs) pushed past the clip."""
-    lin = (img / np.float32(255.0)) ** 2
     y = cv2.cvtColor(lin, cv2.COLOR_BGR2GRAY)
     h, w = y.shape
     small = cv2.resize(y, (64, 64), interpolation=cv2.INTER_AREA)
@@ -428,9 +427,10 @@ def _backlit(img, rng):
 def apply_ldr(img, rng):
     """Display-space float [0,255] in, out: a backlit capture, or exposure in linear
     light, a hard sensor clip, then a steep tone curve that crushes the shadows."""
-    if rng.random() < 0.4:
-        return _backlit(img, rng)
+    backlit = rng.random() < 0.4
     lin = (img / np.float32(255.0)) ** 2
+    if backlit:
+        return _backlit(lin, rng)
     lin *= np.float32(rng.uniform(2.0, 5.0) if rng.random() < 0.7 else rng.uniform(0.8, 1.4))
     np.clip(lin, 0, 1, out=lin)
     disp = np.sqrt(lin)
