@@ -75,6 +75,40 @@ def luma(img):
     return img[..., 0] * 0.114 + img[..., 1] * 0.587 + img[..., 2] * 0.299
 
 
+def ghost_shows(base_view, after_view, added, share=0.35, blocks=6):
+    """Whether a superimposed scene (`added`: what it adds to the view) plainly shows: it
+    carries structure, not just a veil, changes the frame, and over a large part of it
+    (`share` of the blocks) its own contrast comes close to the scene's, which would
+    otherwise hide it."""
+    b, a = luma(base_view), luma(added)
+    if float(a.std()) < 9.0 or float(np.mean(np.abs(after_view - base_view))) < 8.0:
+        return False
+    h, w = b.shape
+    seen = 0
+    for i in range(blocks):
+        for j in range(blocks):
+            ys = slice(i * h // blocks, (i + 1) * h // blocks)
+            xs = slice(j * w // blocks, (j + 1) * w // blocks)
+            sa = float(a[ys, xs].std())
+            seen += sa >= 5.0 and sa >= 0.5 * float(b[ys, xs].std())
+    return seen >= share * blocks * blocks
+
+
+def shadow_shows(base_view, after_view, mask_view):
+    """Whether a cast shadow clearly darkens part of the frame: at least about 15 % of
+    it, by a good part of the light and more than the scene's own texture varies
+    there, with enough of the frame left in the light and an edge sharp enough to show."""
+    inside = mask_view > 0.6
+    if inside.mean() < 0.12 or (mask_view < 0.2).mean() < 0.25:
+        return False
+    # A penumbra as wide as the shadow itself reads as the scene's own lighting.
+    if ((mask_view >= 0.2) & (mask_view <= 0.6)).mean() > 0.4 * inside.mean():
+        return False
+    before = luma(base_view)[inside]
+    drop = float(before.mean() - luma(after_view)[inside].mean())
+    return drop >= max(22.0, 0.3 * float(before.mean()), 0.8 * float(before.std()))
+
+
 def edge_strength(gray):
     """Laplacian magnitude of the crispest 0.5% of a view: high when the
     view holds sharp edges, however few (flat graphics count as sharp)."""
@@ -277,9 +311,7 @@ def apply_reflection(fr, rng, other_lin):
     fr.lin = fr.lin * transmit + ghost
     after = fr.view()
     added = after - fr.view(fr.lin - ghost)
-    # The ghost scene must carry structure, not just a veil.
-    return float(np.std(luma(added))) >= 9.0 and \
-        float(np.mean(np.abs(after - base_view))) >= 8.0
+    return ghost_shows(base_view, after, added)
 
 
 def _shadow_mask(rng, h, w):
@@ -330,11 +362,7 @@ def apply_shadow(fr, rng):
     loss = (1.0 - np.clip(dark * tint, 0, 1)).astype(np.float32)
     factor = 1.0 - mask[..., None] * loss
     fr.lin = fr.lin * factor
-    small = quick_view(mask, fr.net_size) > 0.6
-    if small.mean() < 0.08:
-        return False
-    drop = luma(base_view)[small].mean() - luma(fr.view())[small].mean()
-    return drop >= 22.0
+    return shadow_shows(base_view, fr.view(), quick_view(mask, fr.net_size))
 
 
 def apply_flare(fr, rng):

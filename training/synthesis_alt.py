@@ -9,7 +9,8 @@ checks at the network size, so a frame is labelled only when the fault shows:
   a Fresnel-like strength that grows towards one edge;
 - Shadow: dappled foliage or a hand with a penumbra that widens with distance;
 - Flare: contrast-robbing veil from a long-tailed spread of the frame's own
-  highlights, a halo ring, chromatic ghost polygons and a ray starburst;
+  highlights, a halo ring, chromatic ghost polygons and a ray starburst; or the sun
+  (or a pair of lamps) inside a frame exposed for it, with small coloured ghosts;
 - Moire: beats of two fine gratings (a display's pixel grid against the sensor's)
   low-passed to their difference frequency;
 - DonutBlur, Blur, MildBlur: Gaussian-edged rings, polygonal apertures and
@@ -68,8 +69,7 @@ def apply_reflection(fr, rng, other_lin):
     fr.lin = 1.0 - (1.0 - np.clip(fr.lin, 0, 1)) * (1.0 - np.clip(ghost, 0, 1))
     after = fr.view()
     added = after - fr.view(np.clip(fr.lin - ghost, 0, None))
-    return float(np.std(syn.luma(added))) >= 9.0 and \
-        float(np.mean(np.abs(after - base_view))) >= 8.0
+    return syn.ghost_shows(base_view, after, added)
 
 
 # --------------------------------------------------------------------------
@@ -194,18 +194,68 @@ def apply_shadow(fr, rng):
     ambient = np.array([rng.uniform(0.9, 1.4), 1.0, rng.uniform(0.75, 1.05)], np.float32) * keep
     factor = 1.0 - mask[..., None] * (1.0 - np.clip(ambient, 0, 1))
     fr.lin = fr.lin * factor
-    small = syn.quick_view(mask, fr.net_size) > 0.6
-    if small.mean() < 0.08:
-        return False
-    drop = syn.luma(base_view)[small].mean() - syn.luma(fr.view())[small].mean()
-    return drop >= 22.0
+    return syn.shadow_shows(base_view, fr.view(), syn.quick_view(mask, fr.net_size))
 
 
 # --------------------------------------------------------------------------
 # Flare
 
 
+_GHOST_TINTS = np.array([[0.3, 1.0, 0.4], [1.0, 0.3, 0.9], [0.2, 0.6, 1.0], [1.0, 0.6, 0.2],
+                         [0.5, 1.0, 1.0]], np.float32)  # BGR: green, magenta, orange, blue, yellow
+
+
+def _sun_in_frame(fr, rng):
+    """The sun or a pair of lamps inside the frame, the exposure set by them: the scene
+    darkens, the source clips (hidden where the scene's own dark shapes stand in
+    front of it), and small, saturated ghosts line up through the centre."""
+    h, w = fr.h, fr.w
+    lw, lh = w // 4, h // 4
+    diag = math.hypot(lw, lh)
+    lin = fr.lin * np.float32(rng.uniform(0.45, 0.85))
+    base_view = fr.view(lin)
+    if syn.luma(base_view).mean() < 60:  # darker would read as LowLight
+        lin, base_view = fr.lin, fr.view()
+    sx, sy = rng.uniform(0.1, 0.9) * lw, rng.uniform(0.05, 0.6) * lh
+    sources = [(sx, sy)]
+    if rng.random() < 0.3:  # headlights
+        sources.append((sx + rng.uniform(0.05, 0.2) * lw * rng.choice([-1, 1]),
+                        sy + rng.normal(0, 0.01) * lh))
+    y, x = np.mgrid[0:lh, 0:lw].astype(np.float32)
+    small = cv2.resize(cv2.cvtColor(fr.lin, cv2.COLOR_BGR2GRAY), (lw, lh),
+                       interpolation=cv2.INTER_AREA)
+    # Bright parts of the scene (sky) let the source through; dark shapes hide it.
+    through = np.clip(small / max(float(np.quantile(small, 0.8)), 1e-4), 0, 1) ** 2
+    tint = np.array([rng.uniform(0.75, 1.0), rng.uniform(0.9, 1.0), 1.0], np.float32)
+    glare = np.zeros((lh, lw, 3), np.float32)
+    core_r = rng.uniform(0.008, 0.03) * diag
+    glow_r = rng.uniform(0.03, 0.12) * diag
+    for px, py in sources:
+        r2 = (x - px) ** 2 + (y - py) ** 2
+        core = np.float32(rng.uniform(3, 8)) * np.exp(-r2 / (2 * core_r ** 2)) * through
+        glow = np.float32(rng.uniform(0.4, 1.5)) * glow_r ** 2 / (r2 + glow_r ** 2)
+        glare += (core + glow)[..., None] * tint
+    cx, cy = lw / 2, lh / 2
+    for _ in range(int(rng.integers(2, 9))):
+        t = rng.uniform(-1.5, 0.7)
+        gx, gy = cx + t * (sx - cx), cy + t * (sy - cy)
+        gr = rng.uniform(0.008, 0.05) * diag
+        one = np.zeros((lh, lw), np.float32)
+        if rng.random() < 0.7:
+            cv2.circle(one, (int(gx), int(gy)), max(1, int(gr)), 1.0, -1, cv2.LINE_AA)
+        else:  # a ring
+            cv2.circle(one, (int(gx), int(gy)), max(1, int(gr)), 1.0,
+                       max(1, int(gr * 0.25)), cv2.LINE_AA)
+        one = cv2.GaussianBlur(one, (0, 0), max(0.5, gr * rng.uniform(0.1, 0.4)))
+        colour = _GHOST_TINTS[rng.integers(len(_GHOST_TINTS))] * np.float32(rng.uniform(0.08, 0.4))
+        glare += one[..., None] * colour
+    fr.lin = lin + cv2.resize(glare, (w, h), interpolation=cv2.INTER_LINEAR)
+    return float(np.mean(np.abs(fr.view() - base_view))) >= 6.0
+
+
 def apply_flare(fr, rng):
+    if rng.random() < 0.35:
+        return _sun_in_frame(fr, rng)
     base_view = fr.view()
     h, w = fr.h, fr.w
     lw, lh = w // 4, h // 4
