@@ -43,7 +43,10 @@ OTHERBLUR_LIMIT = 0.6
 MIN_PROBABILITY = np.float32(0.01)
 CLEAN_REPORT_LIMIT = 0.05  # share of clean frames allowed to report anything
 MOTION_AS_BLUR_LIMIT = 0.1  # share of motion-blurred frames reported as Blur or MildBlur
-MOTION_RECALL = 0.85  # share of motion-blurred frames with OtherBlur above 0.6
+# Share of motion-blurred calibration frames with OtherBlur above 0.6. The aim is 85 % on
+# collections the calibration never saw; a calibration placed exactly there lands
+# a few points under it on them.
+MOTION_RECALL = 0.9
 BLUR, MILDBLUR = 6, 10
 
 
