@@ -3,6 +3,9 @@
 All take what the detector hands the network (1x3xHxW float, BGR pixel values
 minus 128) once exported, and give the same twelve logits.
 
+- "cnn-deep": today's CNN with a wider, deeper tail at 14x14 and 7x7, where
+  the frame-level classes (shadow, reflection, flare) are decided; the tail
+  is cheap at that resolution.
 - "dwsep": a larger CNN of depthwise-separable blocks, trained from scratch.
 - "mnv2-s4", "mnv2-s8", "mnv2-s16": the first blocks of the
   ImageNet-initialised MobileNetV2 (backbone_mnv2.py) up to output stride 4,
@@ -14,7 +17,10 @@ import torch.nn as nn
 import torch.nn.functional as F
 
 import backbone_mnv2 as B
-from model import NUM_OUTPUTS
+from model import NUM_OUTPUTS, ArtifactNet
+
+DEEP_LAYERS = [(16, 2), (32, 2), (32, 1), (64, 2), (64, 1), (96, 2), (96, 1), (128, 1),
+               (192, 2), (192, 1)]
 
 
 def conv_bn_relu(cin, cout, k, stride=1, groups=1):
@@ -98,6 +104,8 @@ class TrunkNet(nn.Module):
 
 
 def build(arch):
+    if arch == "cnn-deep":
+        return ArtifactNet(DEEP_LAYERS)
     if arch == "dwsep":
         return DWSepNet()
     if arch in TRUNK_BLOCKS:
