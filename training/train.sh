@@ -20,7 +20,9 @@ py=/usr/bin/python3
 train_samples="${TRAIN_SAMPLES:-16000}"
 val_samples="${VAL_SAMPLES:-3000}"
 epochs="${EPOCHS:-16}"
-seed="${SEED:-20240611}"
+# The Python scripts hold the default seed; pass one only when asked for.
+seed=()
+[ -n "${SEED:-}" ] && seed=(--seed "$SEED")
 run="${RUN:-runs/$(date +%Y%m%d-%H%M%S)}"
 mkdir -p "$run"
 
@@ -32,19 +34,19 @@ stage "install dependencies"
 stage "fetch wallpapers"
 "$here/fetch_data"
 stage "synthesise $train_samples training and $val_samples validation frames"
-"$py" build_dataset.py --train "$train_samples" --val "$val_samples" --seed "$seed" --out data/cache
+"$py" build_dataset.py --train "$train_samples" --val "$val_samples" "${seed[@]}" --out data/cache
 stage "train $epochs epochs"
 fresh=()
 streamer=""
 if [ "${FRESH:-0}" = 1 ]; then
   # New artifacts while the network trains; swapped in at each epoch's start.
   rm -rf "$run/fresh"
-  nice -n 19 "$py" build_dataset.py --stream "$run/fresh" --seed "$seed" --shard "${FRESH_SHARD:-500}" \
+  nice -n 19 "$py" build_dataset.py --stream "$run/fresh" "${seed[@]}" --shard "${FRESH_SHARD:-500}" \
     > "$run/stream.log" 2>&1 &
   streamer=$!
   fresh=(--fresh "$run/fresh")
 fi
-"$py" train.py --data data/cache --out "$run" --epochs "$epochs" --seed "$seed" "${fresh[@]}"
+"$py" train.py --data data/cache --out "$run" --epochs "$epochs" "${seed[@]}" "${fresh[@]}"
 if [ -n "$streamer" ]; then
   kill "$streamer" 2>/dev/null || true
   wait "$streamer" 2>/dev/null || true
