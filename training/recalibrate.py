@@ -48,7 +48,10 @@ def main():
     if len(splits) != 1:
         raise SystemExit("--packages %s: name known packages, all trained on or all held out"
                          % a.packages)
-    with mp.get_context("fork").Pool(2, bd._init_worker, (index, splits.pop(), 224)) as pool:
+    m = onnx.load(a.onnx)
+    # Frames at the model's own input size (NCHW, square).
+    net_size = m.graph.input[0].type.tensor_type.shape.dim[2].dim_value
+    with mp.get_context("fork").Pool(2, bd._init_worker, (index, splits.pop(), net_size)) as pool:
         pairs = pool.map(sample, [(a.seed, i) for i in range(a.count)], chunksize=8)
     x = np.stack([q[0] for q in pairs])
     y = np.stack([q[1] for q in pairs])
@@ -57,7 +60,6 @@ def main():
     # its current logits, and the shift moves them onto the thresholds.
     cuts, _ = ex.calibrate(raw, y)
     shift = ex.cut_shift(cuts)
-    m = onnx.load(a.onnx)
     gemm = [n for n in m.graph.node if "Identity" in n.output][0]
     for t in m.graph.initializer:
         if t.name == gemm.input[2]:
